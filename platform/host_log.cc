@@ -1,0 +1,114 @@
+#include <android/log.h>
+#include <lumokit/host_platform.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <map>
+#include <mutex>
+#include <vector>
+
+namespace {
+
+struct LogState {
+  std::mutex mtx;
+  FILE* file = nullptr;  // null: stderr
+  int min_prio = ANDROID_LOG_VERBOSE;
+  int next_hook = 1;
+  std::map<int, lumokit::host::LogHook> hooks;
+};
+
+LogState& state() {
+  static auto* s = new LogState();  // outlives every thread that may still log at exit
+  return *s;
+}
+
+char priority_letter(int prio) {
+  switch (prio) {
+    case ANDROID_LOG_VERBOSE: return 'V';
+    case ANDROID_LOG_DEBUG: return 'D';
+    case ANDROID_LOG_INFO: return 'I';
+    case ANDROID_LOG_WARN: return 'W';
+    case ANDROID_LOG_ERROR: return 'E';
+    case ANDROID_LOG_FATAL: return 'F';
+    default: return 'I';
+  }
+}
+
+}  // namespace
+
+extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
+  char small[512];
+  va_list ap;
+  va_start(ap, fmt);
+  int n = vsnprintf(small, sizeof(small), fmt, ap);
+  va_end(ap);
+  if (n < 0) return -1;
+  std::string msg;
+  if (static_cast<size_t>(n) < sizeof(small)) {
+    msg.assign(small, static_cast<size_t>(n));
+  } else {
+    msg.resize(static_cast<size_t>(n) + 1);
+    va_start(ap, fmt);
+    vsnprintf(&msg[0], msg.size(), fmt, ap);
+    va_end(ap);
+    msg.resize(static_cast<size_t>(n));
+  }
+  const std::string tag_text = tag ? tag : "";
+
+  LogState& s = state();
+  std::vector<lumokit::host::LogHook> hooks;
+  {
+    std::lock_guard<std::mutex> lock(s.mtx);
+    if (prio >= s.min_prio) {
+      FILE* out = s.file ? s.file : stderr;
+      fprintf(out, "%c/%s: %s\n", priority_letter(prio), tag_text.c_str(), msg.c_str());
+      fflush(out);
+    }
+    hooks.reserve(s.hooks.size());
+    for (auto& h : s.hooks) hooks.push_back(h.second);
+  }
+  // Hooks run unlocked so that one may log or remove itself.
+  for (auto& h : hooks) h(prio, tag_text, msg);
+  return n;
+}
+
+namespace lumokit::host {
+
+bool set_log_file(const std::string& path) {
+  FILE* f = fopen(path.c_str(), "a");
+  if (f == nullptr) return false;
+  LogState& s = state();
+  std::lock_guard<std::mutex> lock(s.mtx);
+  if (s.file) fclose(s.file);
+  s.file = f;
+  return true;
+}
+
+void set_log_to_stderr() {
+  LogState& s = state();
+  std::lock_guard<std::mutex> lock(s.mtx);
+  if (s.file) fclose(s.file);
+  s.file = nullptr;
+}
+
+void set_log_min_priority(int prio) {
+  LogState& s = state();
+  std::lock_guard<std::mutex> lock(s.mtx);
+  s.min_prio = prio;
+}
+
+int add_log_hook(LogHook hook) {
+  LogState& s = state();
+  std::lock_guard<std::mutex> lock(s.mtx);
+  int id = s.next_hook++;
+  s.hooks.emplace(id, std::move(hook));
+  return id;
+}
+
+void remove_log_hook(int id) {
+  LogState& s = state();
+  std::lock_guard<std::mutex> lock(s.mtx);
+  s.hooks.erase(id);
+}
+
+}  // namespace lumokit::host
