@@ -122,6 +122,8 @@ int de_register_client(int svc_id, std::shared_ptr<Service> svc);
 using OpcodeMap = std::map<unsigned int, std::vector<unsigned int>*>;
 OpcodeMap* set_to_map_converison(const OpcodeSubsysSet& pairs);
 void free_opcode_map(OpcodeMap* map);
+// Both return a copy of the pairs the plugin started for the session, owned by
+// the caller, or null when it started none (refused, gone, or silent for 3 s).
 OpcodeSubsysSet* get_response_for_start_session(int svc_id, OpcodeSubsysSet* pairs,
                                                 unsigned int session_id);
 OpcodeSubsysSet* start_session(std::shared_ptr<Service> svc, char* notice, unsigned int session_id);

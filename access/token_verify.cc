@@ -1,0 +1,234 @@
+// Registration token check: a token is the hex text of an RSA signature
+// (PKCS#1 v1.5, SHA-256) over a serialised conformance::Token, which maps
+// each approved opcode to the SHA-1 of its compact API definition.
+#include "token_verify.h"
+
+#include <android/log.h>
+#include <openssl/bn.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/objects.h>
+#include <openssl/rsa.h>
+#include <openssl/sha.h>
+
+#include <climits>
+#include <cstring>
+#include <exception>
+#include <string>
+
+#include "Service.h"
+#include "conformance_token.pb.h"
+#include "lumokit_token_key.h"
+
+namespace {
+
+constexpr size_t kMinTokenChars = 512;
+constexpr size_t kSignatureBytes = 256;
+
+// The built-in public key, made once and kept for the life of the process.
+struct VerificationKey {
+  RSA* rsa = nullptr;         // null when the key is unusable
+  bool install_failed = false;  // otherwise the key check failed
+  std::string error;          // libcrypto's text for the failure
+};
+
+std::string last_crypto_error() {
+  unsigned long code = ERR_get_error();
+  ERR_clear_error();
+  if (code == 0) return "no error recorded by libcrypto";
+  return ERR_error_string(code, nullptr);
+}
+
+// OpenSSL's RSA_check_key needs the private factors and refuses a key made of
+// modulus and exponent alone; the libcrypto of the device (BoringSSL) passes
+// such a key. A public-only key therefore gets the public-key validation of
+// the EVP layer, which still rejects a malformed modulus or exponent.
+bool key_is_sound(RSA* rsa) {
+  const BIGNUM* d = nullptr;
+  RSA_get0_key(rsa, nullptr, nullptr, &d);
+  if (d != nullptr) return RSA_check_key(rsa) == 1;
+
+  EVP_PKEY* pkey = EVP_PKEY_new();
+  bool sound = false;
+  if (pkey != nullptr && EVP_PKEY_set1_RSA(pkey, rsa) == 1) {
+    EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new(pkey, nullptr);
+    sound = ctx != nullptr && EVP_PKEY_public_check(ctx) == 1;
+    EVP_PKEY_CTX_free(ctx);
+  }
+  EVP_PKEY_free(pkey);
+  return sound;
+}
+
+VerificationKey* build_key() {
+  auto* key = new VerificationKey();
+  BIGNUM* n = nullptr;
+  BIGNUM* e = nullptr;
+  BN_hex2bn(&n, kLumokitTokenModulusHex);
+  BN_hex2bn(&e, kLumokitTokenExponentHex);
+  RSA* rsa = RSA_new();
+  if (rsa == nullptr || RSA_set0_key(rsa, n, e, nullptr) != 1) {
+    key->install_failed = true;
+    key->error = last_crypto_error();
+    BN_free(n);  // not taken over by the failed install
+    BN_free(e);
+    RSA_free(rsa);
+    return key;
+  }
+  if (!key_is_sound(rsa)) {
+    key->error = last_crypto_error();
+    RSA_free(rsa);
+    return key;
+  }
+  key->rsa = rsa;
+  return key;
+}
+
+const VerificationKey& verification_key() {
+  // Built on first use (thread-safe static initialisation) and never freed,
+  // so a registration still running at exit keeps a valid key.
+  static const VerificationKey* key = build_key();
+  return *key;
+}
+
+bool is_token_space(char c) {
+  auto u = static_cast<unsigned char>(c);
+  return u == ' ' || (u >= 9 && u <= 13);
+}
+
+const Json::Value* find_member(const Json::Value& message, const char* name) {
+  if (!message.isObject()) return nullptr;
+  return message.find(name, name + std::strlen(name));
+}
+
+// The member as text, empty when absent or not a scalar.
+std::string member_text(const Json::Value& message, const char* name) {
+  const Json::Value* value = find_member(message, name);
+  if (value == nullptr || !value->isConvertibleTo(Json::stringValue)) return std::string();
+  return value->asString();
+}
+
+// "Token" with all white space removed, read in place when it is a string.
+std::string token_text(const Json::Value& message) {
+  const char* begin = nullptr;
+  const char* end = nullptr;
+  std::string scalar;
+  const Json::Value* value = find_member(message, "Token");
+  if (value == nullptr || !value->getString(&begin, &end)) {
+    scalar = member_text(message, "Token");
+    begin = scalar.data();
+    end = begin + scalar.size();
+  }
+  std::string text;
+  text.reserve(static_cast<size_t>(end - begin));
+  for (const char* p = begin; p != end; ++p) {
+    if (!is_token_space(*p)) text.push_back(*p);
+  }
+  return text;
+}
+
+// Two characters per byte through the standard base-16 conversion; false
+// when a pair holds no hex digit (the conversion throws).
+bool decode_pairs(const std::string& text, std::string* bytes) {
+  bytes->clear();
+  bytes->reserve(text.size() / 2 + 1);
+  std::string pair;
+  try {
+    for (size_t i = 0; i < text.size(); i += 2) {
+      pair.assign(text, i, 2);
+      bytes->push_back(static_cast<char>(std::stoul(pair, nullptr, 16) & 0xFFu));
+    }
+  } catch (const std::exception&) {
+    return false;
+  }
+  return true;
+}
+
+std::string compact_json(const Json::Value& value) {
+  static const Json::StreamWriterBuilder* writer = [] {
+    auto* builder = new Json::StreamWriterBuilder();
+    (*builder)["indentation"] = "";
+    return builder;
+  }();
+  return Json::writeString(*writer, value);
+}
+
+std::string sha1_lower_hex(const std::string& text) {
+  unsigned char digest[SHA_DIGEST_LENGTH];
+  SHA1(reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest);
+  static const char kDigits[] = "0123456789abcdef";
+  std::string hex(2 * SHA_DIGEST_LENGTH, '0');
+  for (size_t i = 0; i < SHA_DIGEST_LENGTH; ++i) {
+    hex[2 * i] = kDigits[digest[i] >> 4];
+    hex[2 * i + 1] = kDigits[digest[i] & 0x0F];
+  }
+  return hex;
+}
+
+void log_error(const char* text) { __android_log_print(ANDROID_LOG_ERROR, kTagLink, "%s", text); }
+
+}  // namespace
+
+int32_t verify_registration_token(const Json::Value& message) {
+  const std::string token = token_text(message);
+  if (token.size() < kMinTokenChars) {
+    log_error("Invalid token.");
+    return -1;
+  }
+  std::string bytes;
+  if (!decode_pairs(token, &bytes)) {
+    log_error("Invalid token.");
+    return -1;
+  }
+  const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
+  const unsigned char* signed_part = data + kSignatureBytes;
+  const size_t signed_size = bytes.size() - kSignatureBytes;
+
+  const VerificationKey& key = verification_key();
+  if (key.rsa == nullptr) {
+    if (key.install_failed) {
+      __android_log_print(ANDROID_LOG_ERROR, kTagLink, "Error setting public key: %s",
+                          key.error.c_str());
+    } else {
+      __android_log_print(ANDROID_LOG_ERROR, kTagLink, "Error in the public key: %s",
+                          key.error.c_str());
+    }
+    return -2;
+  }
+
+  unsigned char digest[SHA256_DIGEST_LENGTH];
+  SHA256(signed_part, signed_size, digest);
+  if (RSA_verify(NID_sha256, digest, SHA256_DIGEST_LENGTH, data, kSignatureBytes, key.rsa) != 1) {
+    ERR_clear_error();  // don't leave the reason on this thread's queue
+    log_error("Failed to validate token authenticity.");
+    return -1;
+  }
+
+  // A message that does not parse, or lacks its required fields, covers no
+  // opcode: the lookup below then refuses it.
+  conformance::Token parsed;
+  const bool parsed_ok = signed_size <= static_cast<size_t>(INT_MAX) &&
+                         parsed.ParsePartialFromArray(signed_part, static_cast<int>(signed_size)) &&
+                         parsed.IsInitialized();
+  if (!parsed_ok) parsed.Clear();
+
+  const std::string opcode_text = member_text(message, "Opcode");
+  unsigned int opcode = 0;
+  if (string_to_uint32_validation(opcode_text, &opcode) < 0) {
+    __android_log_print(ANDROID_LOG_ERROR, kTagLink, "Opcode is not valid: %s", opcode_text.c_str());
+    return -1;
+  }
+  const auto entry = parsed.op_json().find(opcode);
+  if (entry == parsed.op_json().end()) {
+    __android_log_print(ANDROID_LOG_ERROR, kTagLink, "Token is not valid for provided opcode: %s",
+                        opcode_text.c_str());
+    return -1;
+  }
+
+  static const Json::Value kNoDefinition;
+  const Json::Value& api_def = message.isObject() ? message["api_def"] : kNoDefinition;
+  if (sha1_lower_hex(compact_json(api_def)) != entry->second) {
+    log_error("Token is not valid for provided json api definition.");
+    return -1;
+  }
+  return 0;
+}
