@@ -27,26 +27,28 @@ constexpr size_t kSignatureBytes = 256;
 
 // The built-in public key, made once and kept for the life of the process.
 struct VerificationKey {
-  RSA* rsa = nullptr;         // null when the key is unusable
+  RSA* rsa = nullptr;           // null when the key is unusable
   bool install_failed = false;  // otherwise the key check failed
-  std::string error;          // libcrypto's text for the failure
+  std::string error;            // libcrypto's text for the failure
 };
 
 std::string last_crypto_error() {
-  unsigned long code = ERR_get_error();
+  const unsigned long code = ERR_get_error();
   ERR_clear_error();
   if (code == 0) return "no error recorded by libcrypto";
-  return ERR_error_string(code, nullptr);
+  char text[256];  // own buffer: the shared static one is not thread-safe
+  return ERR_error_string(code, text);
 }
 
-// OpenSSL's RSA_check_key needs the private factors and refuses a key made of
-// modulus and exponent alone; the libcrypto of the device (BoringSSL) passes
-// such a key. A public-only key therefore gets the public-key validation of
-// the EVP layer, which still rejects a malformed modulus or exponent.
+// OpenSSL's RSA_check_key wants the private factors and reports them missing
+// for a key of modulus and exponent alone, which the device's libcrypto
+// accepts as it is. Such a key gets the EVP public-key validation instead,
+// which still rejects a malformed modulus or exponent.
 bool key_is_sound(RSA* rsa) {
-  const BIGNUM* d = nullptr;
-  RSA_get0_key(rsa, nullptr, nullptr, &d);
-  if (d != nullptr) return RSA_check_key(rsa) == 1;
+  if (RSA_check_key(rsa) == 1) return true;
+  const unsigned long code = ERR_peek_last_error();
+  if (ERR_GET_LIB(code) != ERR_LIB_RSA || ERR_GET_REASON(code) != RSA_R_VALUE_MISSING) return false;
+  ERR_clear_error();
 
   EVP_PKEY* pkey = EVP_PKEY_new();
   bool sound = false;
@@ -214,7 +216,8 @@ int32_t verify_registration_token(const Json::Value& message) {
   const std::string opcode_text = member_text(message, "Opcode");
   unsigned int opcode = 0;
   if (string_to_uint32_validation(opcode_text, &opcode) < 0) {
-    __android_log_print(ANDROID_LOG_ERROR, kTagLink, "Opcode is not valid: %s", opcode_text.c_str());
+    __android_log_print(ANDROID_LOG_ERROR, kTagLink, "Opcode is not valid: %s",
+                        opcode_text.c_str());
     return -1;
   }
   const auto entry = parsed.op_json().find(opcode);
