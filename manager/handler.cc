@@ -11,6 +11,7 @@
 #include <climits>
 #include <cstring>
 #include <memory>
+#include <set>
 
 #include "LumoManager.h"
 #include "LumoSysAccess.h"
@@ -32,7 +33,10 @@ struct Connection {
   std::shared_ptr<Service> current;
   int current_id = 0;
   int32_t redy_count = 0;
-  bool sender_started = false;
+  // Records this connection made before its latest "INIT": torn down with it
+  // so that a plugin that says "INIT" twice leaves nothing behind.
+  std::vector<std::pair<std::shared_ptr<Service>, int>> earlier;
+  std::set<const Service*> senders;  // records whose sender thread runs
   std::string reply;  // reused for every direct reply
 };
 
@@ -73,6 +77,7 @@ void handle_init(Connection& c) {
   } else {
     auto svc = std::make_shared<Service>(id, c.fd, SVC_HAL_INITIALISED);
     add_to_service_map(id, svc);
+    if (c.current) c.earlier.emplace_back(std::move(c.current), c.current_id);
     c.current = std::move(svc);
     c.current_id = id;
     c.reply += std::to_string(id);
@@ -163,7 +168,7 @@ void handle_redy(Connection& c, const Json::Value& root) {
       delete holder;
       c.reply = "-1";
     } else {
-      c.sender_started = true;
+      c.senders.insert(c.current.get());
     }
     c.current->set_sending_thread(handle);
     c.current->set_svc_hal_state(SVC_HAL_READY);
@@ -282,9 +287,8 @@ void handle_info_query(Connection& c, const Json::Value& root) {
   send_reply(c);
 }
 
-// Stops the plugin's sender and marks its record gone.
-void stop_current(Connection& c) {
-  Service& svc = *c.current;
+// Stops a record's sender and marks it gone.
+void stop_record(Connection& c, Service& svc) {
   {
     std::lock_guard<std::mutex> lock(*svc.get_svc_hal_mtx());
     svc.set_svc_hal_died(true);
@@ -293,17 +297,30 @@ void stop_current(Connection& c) {
   svc.set_svc_hal_state(SVC_HAL_GONE);
   pthread_t* handle = svc.get_sending_thread();
   if (handle != nullptr) {
-    if (c.sender_started) pthread_join(*handle, nullptr);
+    if (c.senders.count(&svc) != 0) pthread_join(*handle, nullptr);
     svc.set_sending_thread(nullptr);
     delete handle;
   }
 }
 
+void release_earlier_records(Connection& c) {
+  for (auto& record : c.earlier) {
+    if (record.first->get_svc_hal_state() == SVC_HAL_GONE && record.first->get_svc_hal_died() &&
+        !find_in_service_map(record.second)) {
+      continue;
+    }
+    stop_record(c, *record.first);
+    de_register_client(record.second, record.first);
+  }
+  c.earlier.clear();
+}
+
 void handle_dint(Connection& c, const Json::Value& root) {
   const bool had_record = static_cast<bool>(c.current);
   if (had_record) {
-    stop_current(c);
+    stop_record(c, *c.current);
     de_register_client(json_int(root, "Service_Id", 0), c.current);
+    release_earlier_records(c);
   }
   c.reply = had_record ? "1" : "0";
   send_reply(c);
@@ -315,8 +332,9 @@ void handle_death(Connection& c) {
     __android_log_print(ANDROID_LOG_ERROR, kTagLink,
                         "LUMOKIT has detected a Service Plugin crash: %s. LUMOKIT continues to run",
                         pairs.c_str());
-    stop_current(c);
+    stop_record(c, *c.current);
     de_register_client(c.current_id, c.current);
+    release_earlier_records(c);
   } else {
     __android_log_print(ANDROID_LOG_ERROR, kTagLink,
                         "LUMOKIT has detected a Service Plugin crash. LUMOKIT continues to run");
@@ -337,6 +355,7 @@ void* svc_hal_handler_thread(void* arg) {
   c.fd = static_cast<int>(reinterpret_cast<intptr_t>(arg));
   c.buffer.reset(new (std::nothrow) char[kPluginRecvInitial]);
   Json::CharReaderBuilder builder;
+  builder["collectComments"] = false;
   std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   if (!c.buffer || !reader) {
     __android_log_print(ANDROID_LOG_INFO, kTagLink, "Can not allocate memory for either msg or reader");

@@ -20,6 +20,19 @@ void append_subsystem_functions(std::string& text, unsigned int opcode, unsigned
   if (sub != map->end()) text += sub->second->functions_text();
 }
 
+// Removes pairs from a session's connected set without the "last pair ends
+// the session" rule, which would also drop pairs of live plugins.
+void drop_connected_pairs(unsigned int session_id, const OpcodeSubsysSet& pairs) {
+  std::lock_guard<std::mutex> lock(connectedOpcodesubsysMapMtx);
+  auto it = connectedOpcodesubsysMap.find(session_id);
+  if (it == connectedOpcodesubsysMap.end()) return;
+  for (const auto& pair : pairs) it->second->erase(pair);
+  if (it->second->empty()) {
+    delete it->second;
+    connectedOpcodesubsysMap.erase(it);
+  }
+}
+
 }  // namespace
 
 std::string create_authentication_json_response(const OpcodeMap& opcodes) {
@@ -52,7 +65,8 @@ void create_session(std::string /*request*/, lumo_callback callback, uint32_t se
   unsigned int* opcodes = nullptr;
   unsigned int* subsystems = nullptr;
   int32_t count = 0;
-  if (session_id == 0) {
+  const bool session_id_was_new = session_id == 0;
+  if (session_id_was_new) {
     session_id = new_session_id();
     {
       std::lock_guard<std::mutex> lock(opcodesubsys_svcid_map_mtx);
@@ -94,12 +108,14 @@ void create_session(std::string /*request*/, lumo_callback callback, uint32_t se
   delete[] subsystems;
 
   auto* accepted = new OpcodeSubsysSet();
+  std::map<int, OpcodeSubsysSet> accepted_by;
   for (auto& entry : plan) {
     std::unique_ptr<OpcodeSubsysSet> started(
         get_response_for_start_session(entry.first, &entry.second, session_id));
     if (!started) continue;
     add_to_sessionid_svcid_map(session_id, entry.first);
     accepted->insert(started->begin(), started->end());
+    accepted_by[entry.first] = std::move(*started);
   }
 
   if (accepted->empty()) {
@@ -109,7 +125,6 @@ void create_session(std::string /*request*/, lumo_callback callback, uint32_t se
   }
 
   update_pid_uid_session_id(session_id, pid, uid);
-  OpcodeMap* map = set_to_map_converison(*accepted);
   {
     std::lock_guard<std::mutex> lock(connectedOpcodesubsysMapMtx);
     auto it = connectedOpcodesubsysMap.find(session_id);
@@ -120,11 +135,40 @@ void create_session(std::string /*request*/, lumo_callback callback, uint32_t se
       connectedOpcodesubsysMap.emplace(session_id, accepted);
     }
   }
-  std::string report = create_authentication_json_response(*map);
-  free_opcode_map(map);
+  bool stored_callback;
   {
     std::lock_guard<std::mutex> lock(session_cb_map_mtx);
-    session_cb_map.emplace(session_id, callback);
+    stored_callback = session_cb_map.emplace(session_id, callback).second;
   }
+
+  // A plugin that died after accepting, before the session was on record,
+  // found no client to tell: its pairs are dropped here instead.
+  OpcodeSubsysSet report_pairs;
+  for (const auto& entry : accepted_by) {
+    std::shared_ptr<Service> svc = find_in_service_map(entry.first);
+    if (svc && !svc->get_svc_hal_died()) {
+      report_pairs.insert(entry.second.begin(), entry.second.end());
+      continue;
+    }
+    drop_connected_pairs(session_id, entry.second);
+    std::lock_guard<std::mutex> lock(sessionid_svcid_map_mtx);
+    auto it = sessionid_svcid_map.find(session_id);
+    if (it != sessionid_svcid_map.end()) it->second->erase(entry.first);
+  }
+  if (report_pairs.empty()) {
+    if (session_id_was_new) {
+      if (stored_callback) {
+        std::lock_guard<std::mutex> lock(session_cb_map_mtx);
+        session_cb_map.erase(session_id);
+      }
+      remove_pid_uid_session_id(session_id);
+    }
+    callback(LUMO_RESPONSE_CREATE_SESSION, 0, "{}", 1, client_handle);
+    return;
+  }
+
+  OpcodeMap* map = set_to_map_converison(report_pairs);
+  std::string report = create_authentication_json_response(*map);
+  free_opcode_map(map);
   callback(LUMO_RESPONSE_CREATE_SESSION, session_id, std::move(report), 0, client_handle);
 }

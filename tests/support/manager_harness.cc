@@ -157,6 +157,20 @@ std::string RawPlugin::recv(std::chrono::milliseconds timeout) {
   }
 }
 
+bool RawPlugin::wait_closed(std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  char buf[64];
+  for (;;) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return false;
+    pollfd p{fd_, POLLIN, 0};
+    if (poll(&p, 1, static_cast<int>(left.count())) <= 0) return false;
+    ssize_t n = ::recv(fd_, buf, sizeof(buf), MSG_DONTWAIT);
+    if (n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK)) return true;
+  }
+}
+
 std::string RawPlugin::request(const std::string& text) {
   send(text);
   return recv();
@@ -168,8 +182,8 @@ int RawPlugin::init() {
   return service_id_;
 }
 
-static std::string registration(const char* kind, int service_id, uint32_t opcode,
-                                const Json::Value& def, const std::string* token) {
+std::string registration_message(const char* kind, int service_id, uint32_t opcode,
+                                 const Json::Value& def, const std::string* token) {
   Json::Value msg(Json::objectValue);
   msg["req_type"] = kind;
   msg["Opcode"] = std::to_string(opcode);
@@ -183,11 +197,11 @@ static std::string registration(const char* kind, int service_id, uint32_t opcod
 
 int RawPlugin::auth(uint32_t opcode, const Json::Value& def) {
   const std::string token = make_token(opcode, def);
-  return parse_json(request(registration("AUTH", service_id_, opcode, def, &token)))["result"].asInt();
+  return parse_json(request(registration_message("AUTH", service_id_, opcode, def, &token)))["result"].asInt();
 }
 
 int RawPlugin::regs(uint32_t opcode, const Json::Value& def) {
-  return parse_json(request(registration("REGS", service_id_, opcode, def, nullptr)))["result"].asInt();
+  return parse_json(request(registration_message("REGS", service_id_, opcode, def, nullptr)))["result"].asInt();
 }
 
 int RawPlugin::redy(uint32_t opcode) {
@@ -200,11 +214,7 @@ std::string RawPlugin::dint() {
   return request("{\"req_type\":\"DINT\",\"Service_Id\":" + std::to_string(service_id_) + "}");
 }
 
-std::string RawPlugin::answer_start_session(bool accept) {
-  std::string notice = recv();
-  if (notice.find("\"start_session\"") == std::string::npos) {
-    throw failure("expected a start_session notice, got: " + notice);
-  }
+std::string start_session_answer(const std::string& notice, bool accept) {
   // The opcode list may open with a comma; drop it to parse.
   std::string parsable = notice;
   size_t quirk = parsable.find("[,");
@@ -217,7 +227,15 @@ std::string RawPlugin::answer_start_session(bool accept) {
   answer["opcodes"] = n["opcodes"];
   Json::StreamWriterBuilder w;
   w["indentation"] = "";
-  send(Json::writeString(w, answer));
+  return Json::writeString(w, answer);
+}
+
+std::string RawPlugin::answer_start_session(bool accept) {
+  std::string notice = recv();
+  if (notice.find("\"start_session\"") == std::string::npos) {
+    throw failure("expected a start_session notice, got: " + notice);
+  }
+  send(start_session_answer(notice, accept));
   return notice;
 }
 
@@ -299,5 +317,7 @@ Json::Value parse_json(const std::string& text) {
   }
   return v;
 }
+
+Json::Value state_dump() { return parse_json(lumokit_state_dump()); }
 
 }  // namespace lumokit::test

@@ -53,6 +53,8 @@ class RawPlugin {
   // Sends and returns the direct reply.
   std::string request(const std::string& text);
   void close_socket();
+  // True once the manager has closed its end (pending messages are dropped).
+  bool wait_closed(std::chrono::milliseconds timeout = std::chrono::milliseconds(3000));
   int fd() const { return fd_; }
 
   // Protocol steps; each checks the reply's shape and returns its result.
@@ -71,6 +73,14 @@ class RawPlugin {
   int fd_ = -1;
   int service_id_ = 0;
 };
+
+// An "AUTH" or "REGS" message; no "Token" member when `token` is null.
+std::string registration_message(const char* kind, int service_id, uint32_t opcode,
+                                 const Json::Value& api_def, const std::string* token);
+
+// The plugin's answer to a start_session notice: accepting echoes every
+// pair of the notice.
+std::string start_session_answer(const std::string& notice, bool accept);
 
 // An "api_def" with one entry for `opcode` ("0x..." text) and the subsystems.
 Json::Value api_def(uint32_t opcode, const std::vector<uint32_t>& subsystems,
@@ -101,5 +111,8 @@ void clear_callbacks();
 bool wait_for_callbacks(size_t n, std::chrono::milliseconds timeout);
 
 Json::Value parse_json(const std::string& text);
+
+// The manager's diagnostic snapshot, parsed.
+Json::Value state_dump();
 
 }  // namespace lumokit::test
