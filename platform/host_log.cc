@@ -1,6 +1,7 @@
 #include <android/log.h>
 #include <lumokit/host_platform.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <map>
@@ -12,7 +13,9 @@ namespace {
 struct LogState {
   std::mutex mtx;
   FILE* file = nullptr;  // null: stderr
-  int min_prio = ANDROID_LOG_VERBOSE;
+  // Read without the lock so that a record nobody wants costs no formatting.
+  std::atomic<int> min_prio{ANDROID_LOG_VERBOSE};
+  std::atomic<int> hook_count{0};
   int next_hook = 1;
   std::map<int, lumokit::host::LogHook> hooks;
 };
@@ -37,6 +40,11 @@ char priority_letter(int prio) {
 }  // namespace
 
 extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
+  LogState& s = state();
+  if (prio < s.min_prio.load(std::memory_order_relaxed) &&
+      s.hook_count.load(std::memory_order_relaxed) == 0) {
+    return 0;
+  }
   char small[512];
   va_list ap;
   va_start(ap, fmt);
@@ -55,7 +63,6 @@ extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, .
   }
   const std::string tag_text = tag ? tag : "";
 
-  LogState& s = state();
   std::vector<lumokit::host::LogHook> hooks;
   {
     std::lock_guard<std::mutex> lock(s.mtx);
@@ -102,6 +109,7 @@ int add_log_hook(LogHook hook) {
   std::lock_guard<std::mutex> lock(s.mtx);
   int id = s.next_hook++;
   s.hooks.emplace(id, std::move(hook));
+  s.hook_count.store(static_cast<int>(s.hooks.size()));
   return id;
 }
 
@@ -109,6 +117,7 @@ void remove_log_hook(int id) {
   LogState& s = state();
   std::lock_guard<std::mutex> lock(s.mtx);
   s.hooks.erase(id);
+  s.hook_count.store(static_cast<int>(s.hooks.size()));
 }
 
 }  // namespace lumokit::host
