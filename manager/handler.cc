@@ -267,13 +267,13 @@ void handle_info_query(Connection& c, const Json::Value& root) {
   const bool valid = read_session_id(root, &session_id);
   std::vector<std::string> items = read_string_array(root, "QueryInfos");
   std::vector<std::string> results;
+  __android_log_print(ANDROID_LOG_INFO, kTagLink, "size of queried info array: %d",
+                      static_cast<int>(items.size()));
+  for (size_t i = 0; i < items.size(); ++i) {
+    __android_log_print(ANDROID_LOG_INFO, kTagLink, "i = %d, queried info: %s",
+                        static_cast<int>(i), items[i].c_str());
+  }
   if (valid) {
-    __android_log_print(ANDROID_LOG_INFO, kTagLink, "size of queried info array: %d",
-                        static_cast<int>(items.size()));
-    for (size_t i = 0; i < items.size(); ++i) {
-      __android_log_print(ANDROID_LOG_INFO, kTagLink, "i = %d, queried info: %s",
-                          static_cast<int>(i), items[i].c_str());
-    }
     const size_t asked = items.size();
     queryInfo(session_id, std::move(items), &results);
     if (asked != 0 && results.size() != asked) results.assign(asked, "ERROR:Internal errors");

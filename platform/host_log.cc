@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
+#include <condition_variable>
 #include <map>
 #include <mutex>
 #include <vector>
@@ -18,6 +19,8 @@ struct LogState {
   std::atomic<int> hook_count{0};
   int next_hook = 1;
   std::map<int, lumokit::host::LogHook> hooks;
+  int calls_in_flight = 0;  // hook calls running outside the lock
+  std::condition_variable idle;
 };
 
 LogState& state() {
@@ -73,9 +76,15 @@ extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, .
     }
     hooks.reserve(s.hooks.size());
     for (auto& h : s.hooks) hooks.push_back(h.second);
+    if (!hooks.empty()) ++s.calls_in_flight;
   }
-  // Hooks run unlocked so that one may log or remove itself.
+  if (hooks.empty()) return n;
+  // Hooks run unlocked so that one may log.
   for (auto& h : hooks) h(prio, tag_text, msg);
+  {
+    std::lock_guard<std::mutex> lock(s.mtx);
+    if (--s.calls_in_flight == 0) s.idle.notify_all();
+  }
   return n;
 }
 
@@ -115,9 +124,11 @@ int add_log_hook(LogHook hook) {
 
 void remove_log_hook(int id) {
   LogState& s = state();
-  std::lock_guard<std::mutex> lock(s.mtx);
+  std::unique_lock<std::mutex> lock(s.mtx);
   s.hooks.erase(id);
   s.hook_count.store(static_cast<int>(s.hooks.size()));
+  // The hook's owner may go right after this returns: wait out running calls.
+  s.idle.wait(lock, [&s] { return s.calls_in_flight == 0; });
 }
 
 }  // namespace lumokit::host

@@ -2,6 +2,8 @@
 // serves its pair. Only errors are answered here; the plugin answers later.
 #include <android/log.h>
 
+#include <algorithm>
+
 #include "LumoManager.h"
 #include "LumoSysAccess.h"
 #include "json_read.h"
@@ -102,9 +104,12 @@ bool pass_privacy_gate(const std::string& api_key, const TaskClient& client) {
     std::vector<bool> answers;
     if (!sys->checkGrantedPermissions(client.pid, static_cast<int32_t>(client.uid), to_query,
                                       &answers)) {
-      // The cached entries stay "not granted": the task is refused below.
+      // The task is refused; the entries made for this query go again so
+      // that the next task asks the service afresh.
       __android_log_print(ANDROID_LOG_ERROR, kTagSession,
                           "checkGrantedPermissions from package manager failed");
+      std::lock_guard<std::mutex> lock(pid_perminfo_map_mtx);
+      for (const std::string& name : to_query) pid_perminfo_map.erase(pid_prefix + name);
     } else {
       std::lock_guard<std::mutex> lock(pid_perminfo_map_mtx);
       for (size_t j = 0; j < query_index.size() && j < answers.size(); ++j) {
@@ -138,7 +143,12 @@ bool pass_privacy_gate(const std::string& api_key, const TaskClient& client) {
                                 &result);
     std::lock_guard<std::mutex> lock(pid_uid_releaseindication_map_mtx);
     auto it = pid_uid_releaseindication_map.find(who);
-    if (it != pid_uid_releaseindication_map.end()) it->second->remove(op.stop_op);
+    if (it != pid_uid_releaseindication_map.end()) {
+      // One stop answers one start.
+      auto& started = *it->second;
+      auto found = std::find(started.begin(), started.end(), op.stop_op);
+      if (found != started.end()) started.erase(found);
+    }
   }
   return true;
 }

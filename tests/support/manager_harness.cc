@@ -37,8 +37,10 @@ int connect_seqpacket(const std::string& path) {
   return fd;
 }
 
-std::mutex cb_mtx;
-std::condition_variable cb_cv;
+// Never destroyed: plugin handler threads may still report while the test
+// process exits.
+std::mutex& cb_mtx = *new std::mutex();
+std::condition_variable& cb_cv = *new std::condition_variable();
 std::vector<Callback>* recorded = new std::vector<Callback>();
 
 void record(lumo_response_t kind, uint32_t session_id, std::string text, int32_t error_flag,
@@ -65,6 +67,11 @@ const std::string& start_manager() {
       throw failure("bind " + socket_path + ": " + strerror(errno));
     }
     setenv("ANDROID_SOCKET_lumo", std::to_string(fd).c_str(), 1);
+    static std::string* cleanup_dir = new std::string(dir_template);
+    atexit([] {
+      unlink((*cleanup_dir + "/lumo").c_str());
+      rmdir(cleanup_dir->c_str());
+    });
     std::thread([] { LumoServiceManagerServer::init_manager(); }).detach();
     // listen() happens on the manager thread; wait until a connect succeeds.
     for (int i = 0; i < 500; ++i) {
@@ -127,7 +134,22 @@ bool LogCapture::wait_for(const std::string& text, std::chrono::milliseconds tim
 
 RawPlugin::RawPlugin(const std::string& path) : fd_(connect_seqpacket(path)) {}
 
-RawPlugin::~RawPlugin() { close_socket(); }
+RawPlugin::~RawPlugin() {
+  // A plugin still connected says goodbye and waits for the close, so that
+  // its teardown is not still running while the test process exits.
+  if (fd_ >= 0) {
+    const std::string dint = "{\"req_type\":\"DINT\",\"Service_Id\":" + std::to_string(service_id_) + "}";
+    if (::send(fd_, dint.data(), dint.size(), MSG_NOSIGNAL) > 0) {
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+      char buf[4096];
+      while (std::chrono::steady_clock::now() < deadline) {
+        pollfd p{fd_, POLLIN, 0};
+        if (poll(&p, 1, 100) > 0 && ::recv(fd_, buf, sizeof(buf), 0) <= 0) break;
+      }
+    }
+  }
+  close_socket();
+}
 
 void RawPlugin::close_socket() {
   if (fd_ >= 0) close(fd_);

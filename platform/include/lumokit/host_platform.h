@@ -18,7 +18,8 @@ void set_log_to_stderr();
 void set_log_min_priority(int prio);
 
 // Called for every record with (priority, tag, formatted message), after the
-// record is written. Returns an id for remove_log_hook.
+// record is written. Returns an id for remove_log_hook, which waits until no
+// hook call is running (so it must not be called from inside a hook).
 using LogHook = std::function<void(int prio, const std::string& tag, const std::string& msg)>;
 int add_log_hook(LogHook hook);
 void remove_log_hook(int id);
