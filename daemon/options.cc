@@ -1,0 +1,104 @@
+#include "options.h"
+
+#include <cstring>
+
+#include "ipc/runtime_paths.h"
+
+namespace lumokitd {
+
+namespace {
+
+// Splits "--name=value" into its parts; "--name" alone leaves value unset.
+void split_option(const char* arg, std::string* name, std::string* value, bool* has_value) {
+  const char* eq = std::strchr(arg, '=');
+  if (eq == nullptr) {
+    *name = arg;
+    *has_value = false;
+  } else {
+    name->assign(arg, static_cast<size_t>(eq - arg));
+    *value = eq + 1;
+    *has_value = true;
+  }
+}
+
+}  // namespace
+
+bool parse_options(int argc, char** argv, Options* out, std::string* error) {
+  Options opts;
+  for (int i = 1; i < argc; ++i) {
+    std::string name, value;
+    bool has_value = false;
+    split_option(argv[i], &name, &value, &has_value);
+
+    auto take_value = [&](const char* what) -> bool {
+      if (has_value) return true;
+      if (i + 1 >= argc) {
+        *error = "option " + name + " needs " + what;
+        return false;
+      }
+      value = argv[++i];
+      return true;
+    };
+    auto no_value = [&]() -> bool {
+      if (!has_value) return true;
+      *error = "option " + name + " takes no value";
+      return false;
+    };
+
+    if (name == "--help" || name == "-h") {
+      if (!no_value()) return false;
+      opts.help = true;
+    } else if (name == "--runtime-dir") {
+      if (!take_value("a directory")) return false;
+      if (value.empty()) {
+        *error = "option --runtime-dir needs a non-empty directory";
+        return false;
+      }
+      opts.runtime_dir = value;
+    } else if (name == "--sys-policy") {
+      if (!take_value("a policy file")) return false;
+      if (value.empty()) {
+        *error = "option --sys-policy needs a non-empty file name";
+        return false;
+      }
+      opts.sys_policy = value;
+    } else if (name == "--boot-completed") {
+      if (!take_value("0 or 1")) return false;
+      if (value != "0" && value != "1") {
+        *error = "option --boot-completed takes 0 or 1, not \"" + value + "\"";
+        return false;
+      }
+      opts.boot_completed = value == "1";
+    } else if (name == "--trust-client-ids") {
+      if (!no_value()) return false;
+      opts.trust_client_ids = true;
+    } else if (name == "--log-file") {
+      if (!take_value("a file name")) return false;
+      if (value.empty()) {
+        *error = "option --log-file needs a non-empty file name";
+        return false;
+      }
+      opts.log_file = value;
+    } else {
+      *error = "unknown argument \"" + std::string(argv[i]) + "\"";
+      return false;
+    }
+  }
+  if (opts.runtime_dir.empty()) opts.runtime_dir = lumokit::ipc::default_runtime_dir();
+  *out = opts;
+  return true;
+}
+
+const char* usage_text() {
+  return "usage: lumokitd [options]\n"
+         "  --runtime-dir DIR      sockets and lock file (default $XDG_RUNTIME_DIR/lumokit,\n"
+         "                         else /tmp/lumokit-$UID); created with mode 0700\n"
+         "  --sys-policy FILE      policy of the emulated system service; without it the\n"
+         "                         service is not declared\n"
+         "  --boot-completed 0|1   initial sys.boot_completed (default 1)\n"
+         "  --trust-client-ids     let clients state their pid and uid in create_session\n"
+         "  --log-file FILE        append the log to FILE instead of stderr\n"
+         "  --help                 show this text\n";
+}
+
+}  // namespace lumokitd

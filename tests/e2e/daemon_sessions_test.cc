@@ -1,0 +1,299 @@
+// lumokitd with the real manager, the example plugin and JSON clients:
+// sessions, tasks, ownership, crashes and disconnects.
+#include <signal.h>
+
+#include <gtest/gtest.h>
+
+#include "e2e_rig.h"
+#include "ipc/json_text.h"
+#include "ipc/seqpacket.h"
+
+namespace lumokit::e2e {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+Json::Value op(const char* name) {
+  Json::Value v(Json::objectValue);
+  v["op"] = name;
+  return v;
+}
+
+Json::Value perform(uint32_t session_id, const std::string& text) {
+  Json::Value v = op("perform_task");
+  v["session_id"] = session_id;
+  v["request"] = text;
+  return v;
+}
+
+Json::Value args(std::initializer_list<int64_t> values) {
+  Json::Value a(Json::arrayValue);
+  for (int64_t v : values) a.append(int_arg(v));
+  return a;
+}
+
+// The plugin's answer text inside a kind 2 callback.
+Json::Value answer_body(const Json::Value& callback) {
+  EXPECT_EQ(callback["op"], "callback") << ipc::write_json(callback);
+  EXPECT_EQ(callback["kind"].asInt(), 2);
+  return parse(callback["text"].asString());
+}
+
+size_t session_count(const Json::Value& status) { return status["state"]["sessions"].size(); }
+
+class DaemonSessions : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    rig.start_daemon();
+    rig.start_plugin();
+  }
+  Rig rig;
+};
+
+TEST_F(DaemonSessions, TasksAnswerThroughTheOwningConnection) {
+  auto client = rig.client();
+  Json::Value req = op("create_session");
+  req["session_id"] = 0;
+  req["handle"] = 7;
+  req["pid"] = 4242;
+  req["uid"] = 10123;
+  req["request"] = "{}";
+  Json::Value opened = client->call(req);
+  ASSERT_EQ(opened["op"], "callback") << ipc::write_json(opened);
+  EXPECT_EQ(opened["kind"].asInt(), 1);
+  EXPECT_EQ(opened["error"].asInt(), 0);
+  EXPECT_EQ(opened["handle"].asUInt(), 7u);
+  const uint32_t sid = opened["session_id"].asUInt();
+  ASSERT_NE(sid, 0u);
+  Json::Value report = parse(opened["text"].asString());
+  EXPECT_TRUE(report["capability"].isObject()) << opened["text"].asString();
+  std::string report_text = opened["text"].asString();
+  EXPECT_NE(report_text.find("\"0x1001\""), std::string::npos) << report_text;
+  EXPECT_NE(report_text.find("\"0x2002\""), std::string::npos) << report_text;
+
+  // The plugin's answer carries the transaction number as the handle.
+  Json::Value added = client->call(perform(sid, task_text(sid, 31, "0x1001", 1, "add", args({2, 3}))));
+  EXPECT_EQ(added["session_id"].asUInt(), sid);
+  EXPECT_EQ(added["handle"].asUInt(), 31u);
+  EXPECT_EQ(added["error"].asInt(), 0);
+  EXPECT_EQ(answer_body(added)["return"].asInt64(), 5);
+
+  // An error made inside perform_task comes back on the calling connection.
+  Json::Value bad = Json::Value(Json::arrayValue);
+  bad.append(int_arg(1));
+  Json::Value request = parse(task_text(sid, 32, "0x1001", 1, "add", bad));
+  request["func"]["num_of_args"] = 2;
+  Json::Value mismatch = client->call(perform(sid, ipc::write_json(request)));
+  EXPECT_EQ(mismatch["handle"].asUInt(), 32u);
+  EXPECT_EQ(answer_body(mismatch)["status"].asInt(), -1);
+
+  // A pair the plugin does not serve.
+  Json::Value unserved = client->call(perform(sid, task_text(sid, 33, "0x3003", 1, "add", args({1}))));
+  EXPECT_EQ(answer_body(unserved)["status"].asInt(), -8);
+
+  // The ids stated at create_session are honoured with --trust-client-ids.
+  Json::Value find = op("find_pid_uid");
+  find["session_id"] = sid;
+  Json::Value ids = client->call(find);
+  EXPECT_EQ(ids["op"], "find_pid_uid");
+  EXPECT_EQ(ids["found"].asInt(), 1);
+  EXPECT_EQ(ids["pid"].asInt(), 4242);
+  EXPECT_EQ(ids["uid"].asUInt(), 10123u);
+
+  // Ending the session pair by pair: the last pair removes it.
+  Json::Value cancel = op("cancel_session");
+  cancel["session_id"] = sid;
+  cancel["opcode"] = 0x1001;
+  cancel["subsys"] = 1;
+  Json::Value first = client->call(cancel);
+  EXPECT_EQ(first["op"], "cancel_session");
+  EXPECT_EQ(first["result"].asUInt(), 0u);
+  EXPECT_EQ(session_count(rig.status()), 1u);
+  cancel["opcode"] = 0x2002;
+  cancel["subsys"] = 3;
+  EXPECT_EQ(client->call(cancel)["result"].asUInt(), 0u);
+  EXPECT_EQ(session_count(rig.status()), 0u);
+  EXPECT_EQ(client->call(find)["found"].asInt(), 0);
+}
+
+TEST_F(DaemonSessions, SessionsOfAnotherConnectionAreRefused) {
+  auto owner = rig.client();
+  auto intruder = rig.client();
+  const uint32_t sid = open_session(*owner, 4242, 10123);
+
+  Json::Value find = op("find_pid_uid");
+  find["session_id"] = sid;
+  Json::Value cancel = op("cancel_session");
+  cancel["session_id"] = sid;
+  Json::Value reattach = op("create_session");
+  reattach["session_id"] = sid;
+  const Json::Value attempts[] = {
+      perform(sid, task_text(sid, 1, "0x1001", 1, "add", args({1, 1}))), find, cancel, reattach};
+  for (const Json::Value& attempt : attempts) {
+    Json::Value refused = intruder->call(attempt);
+    EXPECT_EQ(refused["op"], "error") << ipc::write_json(attempt);
+    EXPECT_FALSE(refused["message"].asString().empty());
+  }
+  // Nothing reached the manager: the owner gets no stray answer and the
+  // session is whole.
+  EXPECT_TRUE(owner->silent_for(milliseconds(300)));
+  Json::Value status = rig.status();
+  ASSERT_EQ(session_count(status), 1u);
+  EXPECT_EQ(status["state"]["sessions"][0]["connected"].size(), 2u);
+  Json::Value added =
+      owner->call(perform(sid, task_text(sid, 2, "0x1001", 1, "multiply", args({6, 7}))));
+  EXPECT_EQ(answer_body(added)["return"].asInt64(), 42);
+  EXPECT_EQ(owner->call(find)["found"].asInt(), 1);
+}
+
+TEST_F(DaemonSessions, ADisconnectedClientsSessionsEnd) {
+  auto keeper = rig.client();
+  const uint32_t kept = open_session(*keeper, 1, 10123);
+  uint32_t left[2];
+  {
+    auto leaver = rig.client();
+    left[0] = open_session(*leaver, 2, 10123, 1);
+    left[1] = open_session(*leaver, 2, 10123, 2);
+    ASSERT_EQ(session_count(rig.status()), 3u);
+  }
+  ASSERT_TRUE(rig.wait_status([](const Json::Value& s) {
+    return s["state"]["sessions"].size() == 1 && s["owned_sessions"].asUInt() == 1;
+  })) << rig.daemon_log();
+  Json::Value status = rig.status();
+  EXPECT_EQ(status["state"]["sessions"][0]["session_id"].asUInt(), kept);
+  // The plugin was told that each of the leaver's sessions ended.
+  const std::string plugin_log = rig.plugin_log();
+  for (uint32_t sid : left) {
+    EXPECT_NE(plugin_log.find("session " + std::to_string(sid) + " ended"), std::string::npos)
+        << plugin_log;
+  }
+  EXPECT_EQ(plugin_log.find("session " + std::to_string(kept) + " ended"), std::string::npos);
+
+  keeper->close_now();
+  EXPECT_TRUE(rig.wait_status([](const Json::Value& s) {
+    return s["state"]["sessions"].empty() && s["owned_sessions"].asUInt() == 0;
+  }));
+}
+
+TEST_F(DaemonSessions, AKilledPluginGivesExactlyOneCrashNotice) {
+  auto client = rig.client();
+  auto bystander = rig.client();
+  const uint32_t sid = open_session(*client, 4242, 10123);
+  const uint32_t other = open_session(*bystander, 4243, 10123);
+
+  rig.plugin().signal(SIGKILL);
+  int wait_status = 0;
+  ASSERT_TRUE(rig.plugin().wait_exit(seconds(5), &wait_status));
+
+  Json::Value notice = client->next(seconds(15));
+  EXPECT_EQ(notice["op"], "callback");
+  EXPECT_EQ(notice["kind"].asInt(), 2);
+  EXPECT_EQ(notice["error"].asInt(), 1);
+  EXPECT_EQ(notice["session_id"].asUInt(), sid);
+  Json::Value lost = parse(notice["text"].asString());
+  ASSERT_TRUE(lost["opcodes"].isArray()) << notice["text"].asString();
+  EXPECT_EQ(lost["opcodes"].size(), 2u);
+  EXPECT_TRUE(client->silent_for(milliseconds(1500)));
+
+  // Each session's notice goes to its own owner only.
+  Json::Value theirs = bystander->next(seconds(5));
+  EXPECT_EQ(theirs["session_id"].asUInt(), other);
+  EXPECT_EQ(theirs["error"].asInt(), 1);
+  EXPECT_TRUE(bystander->silent_for(milliseconds(300)));
+
+  EXPECT_TRUE(rig.wait_status([](const Json::Value& s) {
+    for (const Json::Value& p : s["state"]["plugins"]) {
+      if (!p["died"].asBool() && p["state"].asInt() != 0) return false;
+    }
+    return true;
+  }));
+}
+
+TEST_F(DaemonSessions, LargeMessagesPassBothWays) {
+  auto client = rig.client();
+  const uint32_t sid = open_session(*client, 4242, 10123);
+  // Quotes grow with each level of escaping: the task text stays within
+  // what the manager forwards to a plugin (524287 bytes) while the client
+  // message carrying it is well over 512 KiB.
+  Json::Value big(Json::arrayValue);
+  Json::Value arg(Json::objectValue);
+  arg["type"] = "int";
+  arg["value"] = std::string(200 * 1024, '"');
+  big.append(arg);
+  const std::string text = task_text(sid, 77, "0x1001", 1, "add", big);
+  const Json::Value message = perform(sid, text);
+  ASSERT_LT(text.size(), 524287u);
+  ASSERT_GT(ipc::write_json(message).size(), 768u * 1024);
+  Json::Value answer;
+  try {
+    answer = client->call(message, seconds(20));
+  } catch (const std::exception& e) {
+    FAIL() << e.what() << "\ndaemon log:\n"
+           << rig.daemon_log().substr(0, 4000) << "\nplugin log:\n"
+           << rig.plugin_log().substr(0, 4000);
+  }
+  EXPECT_EQ(answer["op"], "callback") << answer.toStyledString().substr(0, 300);
+  EXPECT_EQ(answer["handle"].asUInt(), 77u);
+  Json::Value body = answer_body(answer);
+  EXPECT_NE(body["status"].asInt(), 0) << answer["text"].asString();
+
+  // The plugin names an unknown function twice in its refusal, so a long
+  // name gives an answer that is large once escaped for the client.
+  const std::string name(100 * 1024, '"');
+  Json::Value echo = client->call(
+      perform(sid, task_text(sid, 78, "0x1001", 1, name, Json::Value(Json::arrayValue))),
+      seconds(20));
+  ASSERT_EQ(echo["handle"].asUInt(), 78u);
+  const std::string& echoed = echo["text"].asString();
+  EXPECT_GT(echoed.size(), 400u * 1024);
+  EXPECT_EQ(answer_body(echo)["name"].asString(), name);
+}
+
+TEST_F(DaemonSessions, BadClientInputIsAnsweredAndTheConnectionStays) {
+  auto client = rig.client();
+  const uint32_t sid = open_session(*client, 4242, 10123);
+  const std::string bad_inputs[] = {
+      "not json",
+      "[1,2,3]",
+      "{\"op\":\"create_session\"} trailing",
+      "{\"no_op\":1}",
+      "{\"op\":42}",
+      "{\"op\":\"launch_rockets\"}",
+      "{\"op\":\"perform_task\",\"session_id\":\"1\",\"request\":\"{}\"}",
+      "{\"op\":\"perform_task\",\"session_id\":-1,\"request\":\"{}\"}",
+      "{\"op\":\"perform_task\",\"session_id\":1}",
+      "{\"op\":\"perform_task\",\"session_id\":1,\"request\":{}}",
+      "{\"op\":\"cancel_session\"}",
+      "{\"op\":\"cancel_session\",\"session_id\":1,\"opcode\":\"0x1001\"}",
+      "{\"op\":\"find_pid_uid\",\"session_id\":4294967296}",
+      "{\"op\":\"create_session\",\"handle\":-7}",
+      "{\"op\":\"create_session\",\"pid\":\"me\"}",
+      "",
+  };
+  for (const std::string& input : bad_inputs) {
+    client->send_text(input);
+    Json::Value reply = client->next();
+    EXPECT_EQ(reply["op"], "error") << "input: " << input;
+    EXPECT_TRUE(reply["message"].isString() && !reply["message"].asString().empty()) << input;
+  }
+  // Too large for any message.
+  client->send_text(std::string(ipc::kMaxMessage + 1000, ' '));
+  Json::Value too_big = client->next();
+  EXPECT_EQ(too_big["op"], "error");
+  EXPECT_NE(too_big["message"].asString().find("exceeds"), std::string::npos);
+
+  // A task text the manager cannot read is its business: an empty answer.
+  Json::Value unreadable = client->call(perform(sid, "{not json"));
+  EXPECT_EQ(unreadable["op"], "callback");
+  EXPECT_EQ(unreadable["text"].asString(), "");
+
+  Json::Value find = op("find_pid_uid");
+  find["session_id"] = sid;
+  EXPECT_EQ(client->call(find)["found"].asInt(), 1);
+  int status = 0;
+  EXPECT_FALSE(rig.daemon().wait_exit(milliseconds(0), &status));
+}
+
+}  // namespace
+}  // namespace lumokit::e2e

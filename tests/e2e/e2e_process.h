@@ -1,0 +1,56 @@
+// Child processes for the end-to-end tests: started with their output in a
+// file, killed with the test process if it dies, reaped with a deadline.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace lumokit::e2e {
+
+class ChildProcess {
+ public:
+  ChildProcess() = default;
+  ~ChildProcess();
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  // Runs `program` with `args`, stdout and stderr appended to `log_path`,
+  // stdin from /dev/null unless `stdin_path` names a file. Throws on failure.
+  void start(const std::string& program, const std::vector<std::string>& args,
+             const std::string& log_path, const std::string& stdin_path = "");
+  pid_t pid() const { return pid_; }
+  bool running() const { return pid_ > 0; }
+  void signal(int sig);
+  // Waits for the exit; true with the raw wait status when it came in time.
+  bool wait_exit(std::chrono::milliseconds timeout, int* status);
+  // SIGKILL and reap (no-op when already reaped).
+  void kill_now();
+
+ private:
+  pid_t pid_ = -1;
+};
+
+// Runs `program` to completion (at most `timeout`); returns its exit code
+// (or 128 + signal), with stdout and stderr in `output`.
+int run_to_end(const std::string& program, const std::vector<std::string>& args,
+               std::string* output, std::chrono::milliseconds timeout = std::chrono::seconds(30));
+
+std::string read_file(const std::string& path);
+
+// A fresh directory under /tmp, removed with its contents at destruction.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+}  // namespace lumokit::e2e

@@ -1,0 +1,97 @@
+// The processes of one end-to-end scenario: lumokitd in a private runtime
+// directory with the demo policy, the example plugin with freshly signed
+// tokens, and JSON clients on the daemon's sockets.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+#include "e2e_process.h"
+
+namespace lumokit::e2e {
+
+std::string bin_path(const std::string& name);
+std::string source_path(const std::string& relative);
+
+// A connection to the client or admin socket, one JSON object per message.
+class JsonClient {
+ public:
+  explicit JsonClient(const std::string& socket_path);
+  ~JsonClient();
+  JsonClient(const JsonClient&) = delete;
+  JsonClient& operator=(const JsonClient&) = delete;
+
+  void send_text(const std::string& text);
+  void send(const Json::Value& message);
+  // The next message, parsed; throws when none comes within `timeout`.
+  Json::Value next(std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  // True when no message arrives within `quiet`.
+  bool silent_for(std::chrono::milliseconds quiet);
+  // send + next.
+  Json::Value call(const Json::Value& message,
+                   std::chrono::milliseconds timeout = std::chrono::seconds(15));
+  void close_now();
+
+ private:
+  int fd_ = -1;
+};
+
+Json::Value parse(const std::string& text);
+
+// A task request text for the example plugin.
+std::string task_text(uint32_t session_id, uint32_t transac_id, const std::string& opcode,
+                      uint32_t subsys, const std::string& function, const Json::Value& args);
+Json::Value int_arg(int64_t value);
+
+class Rig {
+ public:
+  Rig();
+  ~Rig();
+
+  // Starts lumokitd with the demo policy, --trust-client-ids and `extra`
+  // arguments; waits until the admin socket answers.
+  void start_daemon(const std::vector<std::string>& extra = {});
+  // Starts the example plugin and waits until both of its opcodes are ready.
+  void start_plugin();
+  ChildProcess& daemon() { return daemon_; }
+  ChildProcess& plugin() { return plugin_; }
+
+  const std::string& runtime_dir() const { return runtime_dir_; }
+  std::string socket(const char* name) const { return runtime_dir_ + "/" + name; }
+  std::unique_ptr<JsonClient> client() { return std::make_unique<JsonClient>(socket("client")); }
+  std::unique_ptr<JsonClient> admin() { return std::make_unique<JsonClient>(socket("admin")); }
+  // One admin request on a fresh connection.
+  Json::Value admin_call(const Json::Value& request);
+  Json::Value status();
+  // Waits until `pred(status)` holds; false on timeout.
+  template <typename Pred>
+  bool wait_status(Pred pred, std::chrono::milliseconds timeout = std::chrono::seconds(15)) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (pred(status())) return true;
+      pause();
+    }
+    return false;
+  }
+  std::string daemon_log() const { return read_file(dir_.path() + "/daemon.log"); }
+  std::string plugin_log() const { return read_file(dir_.path() + "/plugin.log"); }
+  const std::string& dir() const { return dir_.path(); }
+
+ private:
+  static void pause();
+  TempDir dir_;
+  std::string runtime_dir_;
+  ChildProcess daemon_;
+  ChildProcess plugin_;
+};
+
+// Opens a session on `client` (stating pid and uid) and returns its id;
+// throws unless the answer is a successful kind 1 callback.
+uint32_t open_session(JsonClient& client, int32_t pid, uint32_t uid, uint32_t handle = 7);
+
+}  // namespace lumokit::e2e
