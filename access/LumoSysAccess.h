@@ -41,11 +41,11 @@ class pPermissionChangeCallback : public lumosys::ILumoSysCallback {
 std::shared_ptr<lumosys::ILumoSys> lumo_sys_service();
 void set_lumo_sys_service(std::shared_ptr<lumosys::ILumoSys> service);
 
-extern std::map<std::string, permission_info> pid_perminfo_map;
-extern std::mutex pid_perminfo_map_mtx;
-extern std::map<std::string, privacy_op> api_privacyop_map;
-extern std::mutex api_privacyop_map_mtx;
-extern std::shared_ptr<pPermissionChangeCallback> permissionChangeCallback;
+extern std::map<std::string, permission_info>& pid_perminfo_map;
+extern std::mutex& pid_perminfo_map_mtx;
+extern std::map<std::string, privacy_op>& api_privacyop_map;
+extern std::mutex& api_privacyop_map_mtx;
+extern std::shared_ptr<pPermissionChangeCallback>& permissionChangeCallback;
 
 // Step of the boot wait in seconds (10 unless a test shortens it).
 void set_boot_wait_step_for_testing(unsigned int seconds);

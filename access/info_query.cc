@@ -9,8 +9,9 @@
 #include "session_tables.h"
 
 namespace {
-const std::set<std::string> sys_service_items_map = {"app.id.cert_hash", "app.status.fore_back",
-                                                     "app.name.package"};
+// Never destroyed, like every table plugin threads read.
+const std::set<std::string>& sys_service_items_map =
+    *new std::set<std::string>{"app.id.cert_hash", "app.status.fore_back", "app.name.package"};
 constexpr const char* kQueryFailed = "ERROR:Query failed";
 constexpr const char* kSuccess = "SUCCESS:";
 

@@ -13,8 +13,9 @@
 #include "session_tables.h"
 
 namespace {
-std::mutex pLumoSysService_mtx;
-std::shared_ptr<lumosys::ILumoSys> pLumoSysService;
+// Never destroyed: binder and plugin threads may still use them at exit.
+std::mutex& pLumoSysService_mtx = *new std::mutex();
+std::shared_ptr<lumosys::ILumoSys>& pLumoSysService = *new std::shared_ptr<lumosys::ILumoSys>();
 std::atomic<lumosys::DeathRecipient*> mDeathRecipient{nullptr};
 std::atomic<unsigned int> boot_wait_step_seconds{10};
 
@@ -27,12 +28,12 @@ void connect_and_link() {
 }
 }  // namespace
 
-std::map<std::string, permission_info> pid_perminfo_map;
-std::mutex pid_perminfo_map_mtx;
-std::map<std::string, privacy_op> api_privacyop_map;
-std::mutex api_privacyop_map_mtx;
-std::shared_ptr<pPermissionChangeCallback> permissionChangeCallback =
-    std::make_shared<pPermissionChangeCallback>();
+std::map<std::string, permission_info>& pid_perminfo_map = *new std::map<std::string, permission_info>();
+std::mutex& pid_perminfo_map_mtx = *new std::mutex();
+std::map<std::string, privacy_op>& api_privacyop_map = *new std::map<std::string, privacy_op>();
+std::mutex& api_privacyop_map_mtx = *new std::mutex();
+std::shared_ptr<pPermissionChangeCallback>& permissionChangeCallback =
+    *new std::shared_ptr<pPermissionChangeCallback>(std::make_shared<pPermissionChangeCallback>());
 
 std::shared_ptr<lumosys::ILumoSys> lumo_sys_service() {
   std::lock_guard<std::mutex> lock(pLumoSysService_mtx);

@@ -99,9 +99,9 @@ class Service {
 };
 
 // ---- Service map and opcode registry ----
-extern std::map<int, std::shared_ptr<Service>> service_map;
-extern std::mutex service_map_mtx;
-extern std::mutex service_id_mutex;
+extern std::map<int, std::shared_ptr<Service>>& service_map;
+extern std::mutex& service_map_mtx;
+extern std::mutex& service_id_mutex;
 
 int generate_service_id();
 void add_to_service_map(int svc_id, std::shared_ptr<Service> svc);
@@ -111,7 +111,7 @@ bool update_subsystem_status(int svc_id, unsigned int opcode, unsigned int subsy
 // Every pair any plugin registered. Guarded by registered_opcode_subsys_set_mtx,
 // a leaf lock taken after the registering plugin's svc_hal_mtx.
 OpcodeSubsysSet* get_registered_opcode_subsys_set();
-extern std::mutex registered_opcode_subsys_set_mtx;
+extern std::mutex& registered_opcode_subsys_set_mtx;
 
 // ---- API definition registration and removal ----
 int register_client(int svc_id, unsigned int opcode, Json::Value def);

@@ -1,14 +1,15 @@
 // Process-wide index of connected plugins and of the pairs they registered.
 #include "Service.h"
 
-std::map<int, std::shared_ptr<Service>> service_map;
-std::mutex service_map_mtx;
-std::mutex service_id_mutex;
-std::mutex registered_opcode_subsys_set_mtx;
+// Never destroyed: detached plugin threads may still use them at exit.
+std::map<int, std::shared_ptr<Service>>& service_map = *new std::map<int, std::shared_ptr<Service>>();
+std::mutex& service_map_mtx = *new std::mutex();
+std::mutex& service_id_mutex = *new std::mutex();
+std::mutex& registered_opcode_subsys_set_mtx = *new std::mutex();
 
 namespace {
 int32_t last_service_id = 101;
-const std::unique_ptr<OpcodeSubsysSet> registered_opcode_subsys_set(new OpcodeSubsysSet());
+OpcodeSubsysSet* const registered_opcode_subsys_set = new OpcodeSubsysSet();
 }  // namespace
 
 int generate_service_id() {
@@ -61,4 +62,4 @@ bool update_subsystem_status(int svc_id, unsigned int opcode, unsigned int subsy
   return true;
 }
 
-OpcodeSubsysSet* get_registered_opcode_subsys_set() { return registered_opcode_subsys_set.get(); }
+OpcodeSubsysSet* get_registered_opcode_subsys_set() { return registered_opcode_subsys_set; }

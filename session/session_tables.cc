@@ -3,24 +3,27 @@
 
 #include "session_tables.h"
 
-sessn_manager_data session_counter;
+// The tables are never destroyed: detached plugin threads may still use them
+// while the process exits.
 
-std::map<unsigned int, lumo_callback> session_cb_map;
-std::mutex session_cb_map_mtx;
-std::map<unsigned int, std::set<int>*> sessionid_svcid_map;
-std::mutex sessionid_svcid_map_mtx;
-std::map<unsigned int, OpcodeSubsysSet*> connectedOpcodesubsysMap;
-std::mutex connectedOpcodesubsysMapMtx;
-std::map<unsigned int, OpcodeSubsysSet*> sessionid_granted_opcodesubsys_map;
-std::mutex sessionid_granted_opcodesubsys_map_mtx;
-std::map<unsigned int, std::pair<int32_t, uint32_t>> sessionid_pid_uid_map;
-std::mutex sessionid_pid_uid_map_mtx;
-std::map<OpcodeSubsys, int> opcodesubsys_svcid_map;
-std::mutex opcodesubsys_svcid_map_mtx;
-std::map<unsigned int, std::string> opcode_name_map;
-std::mutex opcode_name_map_mtx;
-std::map<std::pair<int32_t, uint32_t>, std::list<std::string>*> pid_uid_releaseindication_map;
-std::mutex pid_uid_releaseindication_map_mtx;
+sessn_manager_data& session_counter = *new sessn_manager_data();
+
+std::map<unsigned int, lumo_callback>& session_cb_map = *new std::map<unsigned int, lumo_callback>();
+std::mutex& session_cb_map_mtx = *new std::mutex();
+std::map<unsigned int, std::set<int>*>& sessionid_svcid_map = *new std::map<unsigned int, std::set<int>*>();
+std::mutex& sessionid_svcid_map_mtx = *new std::mutex();
+std::map<unsigned int, OpcodeSubsysSet*>& connectedOpcodesubsysMap = *new std::map<unsigned int, OpcodeSubsysSet*>();
+std::mutex& connectedOpcodesubsysMapMtx = *new std::mutex();
+std::map<unsigned int, OpcodeSubsysSet*>& sessionid_granted_opcodesubsys_map = *new std::map<unsigned int, OpcodeSubsysSet*>();
+std::mutex& sessionid_granted_opcodesubsys_map_mtx = *new std::mutex();
+std::map<unsigned int, std::pair<int32_t, uint32_t>>& sessionid_pid_uid_map = *new std::map<unsigned int, std::pair<int32_t, uint32_t>>();
+std::mutex& sessionid_pid_uid_map_mtx = *new std::mutex();
+std::map<OpcodeSubsys, int>& opcodesubsys_svcid_map = *new std::map<OpcodeSubsys, int>();
+std::mutex& opcodesubsys_svcid_map_mtx = *new std::mutex();
+std::map<unsigned int, std::string>& opcode_name_map = *new std::map<unsigned int, std::string>();
+std::mutex& opcode_name_map_mtx = *new std::mutex();
+std::map<std::pair<int32_t, uint32_t>, std::list<std::string>*>& pid_uid_releaseindication_map = *new std::map<std::pair<int32_t, uint32_t>, std::list<std::string>*>();
+std::mutex& pid_uid_releaseindication_map_mtx = *new std::mutex();
 
 unsigned int new_session_id() {
   std::lock_guard<std::mutex> lock(session_counter.session_id_mtx);

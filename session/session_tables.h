@@ -19,26 +19,26 @@ struct sessn_manager_data {
   std::condition_variable session_id_cv;
   int32_t last_session_id = 0;
 };
-extern sessn_manager_data session_counter;
+extern sessn_manager_data& session_counter;
 
-extern std::map<unsigned int, lumo_callback> session_cb_map;
-extern std::mutex session_cb_map_mtx;
-extern std::map<unsigned int, std::set<int>*> sessionid_svcid_map;
-extern std::mutex sessionid_svcid_map_mtx;
-extern std::map<unsigned int, OpcodeSubsysSet*> connectedOpcodesubsysMap;
-extern std::mutex connectedOpcodesubsysMapMtx;
-extern std::map<unsigned int, OpcodeSubsysSet*> sessionid_granted_opcodesubsys_map;
-extern std::mutex sessionid_granted_opcodesubsys_map_mtx;
-extern std::map<unsigned int, std::pair<int32_t, uint32_t>> sessionid_pid_uid_map;
-extern std::mutex sessionid_pid_uid_map_mtx;
-extern std::map<OpcodeSubsys, int> opcodesubsys_svcid_map;
-extern std::mutex opcodesubsys_svcid_map_mtx;
+extern std::map<unsigned int, lumo_callback>& session_cb_map;
+extern std::mutex& session_cb_map_mtx;
+extern std::map<unsigned int, std::set<int>*>& sessionid_svcid_map;
+extern std::mutex& sessionid_svcid_map_mtx;
+extern std::map<unsigned int, OpcodeSubsysSet*>& connectedOpcodesubsysMap;
+extern std::mutex& connectedOpcodesubsysMapMtx;
+extern std::map<unsigned int, OpcodeSubsysSet*>& sessionid_granted_opcodesubsys_map;
+extern std::mutex& sessionid_granted_opcodesubsys_map_mtx;
+extern std::map<unsigned int, std::pair<int32_t, uint32_t>>& sessionid_pid_uid_map;
+extern std::mutex& sessionid_pid_uid_map_mtx;
+extern std::map<OpcodeSubsys, int>& opcodesubsys_svcid_map;
+extern std::mutex& opcodesubsys_svcid_map_mtx;
 // Written by registering plugins' handler threads, read by create_session.
-extern std::map<unsigned int, std::string> opcode_name_map;
-extern std::mutex opcode_name_map_mtx;
+extern std::map<unsigned int, std::string>& opcode_name_map;
+extern std::mutex& opcode_name_map_mtx;
 // Written by the task and cancellation paths, possibly on several threads.
-extern std::map<std::pair<int32_t, uint32_t>, std::list<std::string>*> pid_uid_releaseindication_map;
-extern std::mutex pid_uid_releaseindication_map_mtx;
+extern std::map<std::pair<int32_t, uint32_t>, std::list<std::string>*>& pid_uid_releaseindication_map;
+extern std::mutex& pid_uid_releaseindication_map_mtx;
 
 unsigned int new_session_id();
 void add_to_sessionid_svcid_map(unsigned int session_id, int svc_id);
