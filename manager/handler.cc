@@ -46,6 +46,17 @@ void send_reply(Connection& c) {
   sendto(c.fd, c.reply.data(), c.reply.size(), MSG_NOSIGNAL, nullptr, 0);
 }
 
+// The reply to "AUTH", "REGS" and "REDY": the opcode as received and the result.
+void set_opcode_reply(Connection& c, const char* kind, const std::string& opcode_text, int result) {
+  c.reply = "{\"req_type\": \"";
+  c.reply += kind;
+  c.reply += "\",\"opcode\": \"";
+  c.reply += opcode_text;
+  c.reply += "\", \"result\": ";
+  c.reply += std::to_string(result);
+  c.reply += "}";
+}
+
 bool read_opcode(const Json::Value& root, std::string* text, unsigned int* opcode) {
   *text = json_text(root, "Opcode", "0");
   if (string_to_uint32_validation(*text, opcode) != 0) {
@@ -100,11 +111,7 @@ void handle_auth(Connection& c, const Json::Value& root) {
       result = register_client(static_cast<int>(service_id), opcode, root);
     }
   }
-  c.reply = "{\"req_type\": \"AUTH\",\"opcode\": \"";
-  c.reply += opcode_text;
-  c.reply += "\", \"result\": ";
-  c.reply += std::to_string(result);
-  c.reply += "}";
+  set_opcode_reply(c, "AUTH", opcode_text, result);
   send_reply(c);
 }
 
@@ -117,11 +124,7 @@ void handle_regs(Connection& c, const Json::Value& root) {
   const bool valid = read_opcode(root, &opcode_text, &opcode);
   const uint32_t service_id = json_uint(root, "Service_Id", 0);
   const int result = valid ? register_client(static_cast<int>(service_id), opcode, root) : -1;
-  c.reply = "{\"req_type\": \"REGS\",\"opcode\": \"";
-  c.reply += opcode_text;
-  c.reply += "\", \"result\": ";
-  c.reply += std::to_string(result);
-  c.reply += "}";
+  set_opcode_reply(c, "REGS", opcode_text, result);
   send_reply(c);
 }
 
@@ -155,11 +158,7 @@ void handle_redy(Connection& c, const Json::Value& root) {
     result = 0;
   }
 
-  c.reply = "{\"req_type\": \"REDY\",\"opcode\": \"";
-  c.reply += opcode_text;
-  c.reply += "\", \"result\": ";
-  c.reply += std::to_string(result);
-  c.reply += "}";
+  set_opcode_reply(c, "REDY", opcode_text, result);
 
   if (result == 0 && c.redy_count == 1) {
     auto* handle = new pthread_t;

@@ -1,0 +1,371 @@
+#include "driver.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "bench_util.h"
+#include "scenarios.h"
+#include "spawn.h"
+
+namespace bench {
+namespace {
+
+const char* const kModes[] = {"default", "pinned"};
+
+struct Options {
+  int reps = 5;
+  std::string json_path;
+  std::vector<std::string> only;
+};
+
+bool parse(int argc, char** argv, Options* o) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string a = argv[i];
+    if (a == "--reps" && i + 1 < argc) {
+      o->reps = std::atoi(argv[++i]);
+    } else if (a == "--json" && i + 1 < argc) {
+      o->json_path = argv[++i];
+    } else if (a == "--only" && i + 1 < argc) {
+      std::stringstream list(argv[++i]);
+      std::string name;
+      while (std::getline(list, name, ',')) {
+        if (find_scenario(name) == nullptr) {
+          fprintf(stderr, "lumokit_bench: unknown scenario '%s'\n", name.c_str());
+          return false;
+        }
+        o->only.push_back(name);
+      }
+    } else {
+      fprintf(stderr,
+              "usage: lumokit_bench [--reps N] [--json PATH] [--only NAME,...]\n"
+              "       (internal: --scenario NAME, --role ROLE ...)\n");
+      return false;
+    }
+  }
+  if (o->reps < 3) {
+    fprintf(stderr, "lumokit_bench: --reps must be at least 3 (figures are medians of repetitions)\n");
+    return false;
+  }
+  return true;
+}
+
+// CPU time the whole machine spent busy, from /proc/stat.
+int64_t machine_busy_ns() {
+  std::ifstream in("/proc/stat");
+  std::string cpu;
+  int64_t user = 0, nice = 0, system = 0, idle = 0, iowait = 0, irq = 0, softirq = 0, steal = 0;
+  in >> cpu >> user >> nice >> system >> idle >> iowait >> irq >> softirq >> steal;
+  if (!in) return -1;
+  return (user + nice + system + irq + softirq + steal) * (1000000000LL / sysconf(_SC_CLK_TCK));
+}
+
+int64_t children_cpu_ns() {
+  rusage ru{};
+  getrusage(RUSAGE_CHILDREN, &ru);
+  auto ns = [](const timeval& tv) { return static_cast<int64_t>(tv.tv_sec) * 1000000000LL + tv.tv_usec * 1000LL; };
+  return ns(ru.ru_utime) + ns(ru.ru_stime);
+}
+
+Result run_process(const std::string& name, bool pinned);
+
+// One scenario process, and how busy the rest of the machine was meanwhile:
+// the machine's busy time less the time of our own (reaped) process tree.
+Result run_once(const std::string& name, bool pinned) {
+  const int64_t busy0 = machine_busy_ns();
+  const int64_t ours0 = children_cpu_ns();
+  const int64_t t0 = now_ns();
+  Result r = run_process(name, pinned);
+  const int64_t wall = now_ns() - t0;
+  const int64_t busy = machine_busy_ns() - busy0;
+  const int64_t ours = children_cpu_ns() - ours0;
+  if (busy0 >= 0 && wall > 0) {
+    r.other_cpus = std::max<double>(0.0, static_cast<double>(busy - ours) / static_cast<double>(wall));
+  }
+  return r;
+}
+
+// One scenario process; its last stdout line is the result.
+Result run_process(const std::string& name, bool pinned) {
+  Result r;
+  int out[2];
+  if (pipe2(out, O_CLOEXEC) != 0) {
+    r.error = "pipe failed";
+    return r;
+  }
+  SpawnSpec spec;
+  if (pinned) spec.argv = {"taskset", "-c", "0"};
+  spec.argv.push_back(self_exe());
+  spec.argv.push_back("--scenario");
+  spec.argv.push_back(name);
+  spec.stdout_fd = out[1];
+  pid_t pid = spawn(spec);
+  close(out[1]);
+  std::string text;
+  char buf[4096];
+  const int64_t deadline = now_ns() + 90LL * 1000000000LL;
+  for (;;) {
+    const int left = static_cast<int>((deadline - now_ns()) / 1000000);
+    pollfd p{out[0], POLLIN, 0};
+    if (left <= 0 || poll(&p, 1, left) <= 0) break;
+    ssize_t n = read(out[0], buf, sizeof(buf));
+    if (n <= 0) break;
+    text.append(buf, static_cast<size_t>(n));
+  }
+  close(out[0]);
+  const int status = wait_child(pid, 5000);
+  const size_t start = text.rfind('\n', text.size() >= 2 ? text.size() - 2 : 0);
+  const std::string line = text.substr(start == std::string::npos ? 0 : start + 1);
+  Json::CharReaderBuilder b;
+  std::unique_ptr<Json::CharReader> reader(b.newCharReader());
+  Json::Value v;
+  std::string errors;
+  if (!reader->parse(line.data(), line.data() + line.size(), &v, &errors) || !v.isObject()) {
+    r.error = "scenario process gave no result (exit status " + std::to_string(status) + ")";
+    return r;
+  }
+  return result_from_json(v);
+}
+
+// Medians over the repetitions; a figure with a failed run keeps the error.
+Result aggregate(const std::vector<Result>& runs) {
+  Result m;
+  std::vector<double> p50, p99, ops, cpu, kib, other;
+  for (const Result& r : runs) {
+    if (!r.error.empty()) {
+      m.error = r.error;
+      continue;
+    }
+    if (r.p50_us >= 0) p50.push_back(r.p50_us);
+    if (r.p99_us >= 0) p99.push_back(r.p99_us);
+    if (r.ops_per_s >= 0) ops.push_back(r.ops_per_s);
+    if (r.cpu_us_per_op >= 0) cpu.push_back(r.cpu_us_per_op);
+    if (r.kib_per_item >= 0) kib.push_back(r.kib_per_item);
+    if (r.other_cpus >= 0) other.push_back(r.other_cpus);
+    m.count += r.count;
+  }
+  m.p50_us = median(p50);
+  m.p99_us = median(p99);
+  m.ops_per_s = median(ops);
+  m.cpu_us_per_op = median(cpu);
+  m.kib_per_item = median(kib);
+  m.other_cpus = median(other);
+  return m;
+}
+
+std::string cell(double v, int width, int decimals) {
+  char buf[64];
+  if (v < 0) {
+    snprintf(buf, sizeof(buf), "%*s", width, "-");
+  } else {
+    snprintf(buf, sizeof(buf), "%*.*f", width, decimals, v);
+  }
+  return buf;
+}
+
+struct Target {
+  std::string what;
+  std::string mode;
+  double value = -1;
+  double limit = -1;
+  bool at_least = false;  // value must reach the limit instead of staying under it
+  std::string unit;
+  bool known() const { return value >= 0 && limit >= 0; }
+  bool met() const { return known() && (at_least ? value >= limit : value <= limit); }
+};
+
+using Table = std::map<std::string, std::map<std::string, Result>>;  // scenario -> mode -> median
+
+double fig(const Table& t, const std::string& scenario, const std::string& mode,
+           double Result::*field) {
+  auto s = t.find(scenario);
+  if (s == t.end()) return -1;
+  auto m = s->second.find(mode);
+  if (m == s->second.end() || !m->second.error.empty()) return -1;
+  return m->second.*field;
+}
+
+double scaled(double v, double k) { return v < 0 ? -1 : v * k; }
+
+std::vector<Target> targets(const Table& t) {
+  std::vector<Target> out;
+  auto add = [&](std::string what, std::string mode, double value, double limit, bool at_least,
+                 std::string unit) {
+    out.push_back(Target{std::move(what), std::move(mode), value, limit, at_least, std::move(unit)});
+  };
+  add("task round trip p50 <= 1.2 x SHAPE p50", "pinned", fig(t, "task_1x1", "pinned", &Result::p50_us),
+      scaled(fig(t, "shape_1", "pinned", &Result::p50_us), 1.2), false, "us");
+  add("tasks 4 sessions/4 plugins >= 0.85 x SHAPE 4x4 throughput", "pinned",
+      fig(t, "task_4x4", "pinned", &Result::ops_per_s),
+      scaled(fig(t, "shape_4x4", "pinned", &Result::ops_per_s), 0.85), true, "/s");
+  add("end to end via lumokitd p50 <= 3.9 x RAW p50", "default", fig(t, "e2e", "default", &Result::p50_us),
+      scaled(fig(t, "raw", "default", &Result::p50_us), 3.9), false, "us");
+  add("end to end via lumokitd p50 <= 6.0 x RAW p50", "pinned", fig(t, "e2e", "pinned", &Result::p50_us),
+      scaled(fig(t, "raw", "pinned", &Result::p50_us), 6.0), false, "us");
+  add("create_session, 8 plugins, p50 <= 1.5 x 8 x SHAPE p50", "pinned",
+      fig(t, "create_8", "pinned", &Result::p50_us),
+      scaled(fig(t, "shape_1", "pinned", &Result::p50_us), 12.0), false, "us");
+  for (const char* mode : kModes) {
+    add(">= 5,000 registrations per second", mode, fig(t, "regs", mode, &Result::ops_per_s), 5000, true,
+        "/s");
+  }
+  for (const char* mode : kModes) {
+    add("<= 192 KiB resident per connected ready plugin", mode,
+        fig(t, "mem_plugin", mode, &Result::kib_per_item), 192, false, "KiB");
+  }
+  for (const char* mode : kModes) {
+    add("<= 2 KiB resident per open session", mode, fig(t, "mem_session", mode, &Result::kib_per_item), 2,
+        false, "KiB");
+  }
+  return out;
+}
+
+}  // namespace
+
+int run_driver(int argc, char** argv) {
+  Options opt;
+  if (!parse(argc, argv, &opt)) return 2;
+  std::vector<const Scenario*> list;
+  for (const Scenario& s : all_scenarios()) {
+    if (opt.only.empty() || std::find(opt.only.begin(), opt.only.end(), s.name) != opt.only.end()) {
+      list.push_back(&s);
+    }
+  }
+  const int64_t started = now_ns();
+  const bool progress = isatty(STDERR_FILENO);
+  std::map<std::string, std::map<std::string, std::vector<Result>>> runs;
+  // Repetitions outermost, so that slow drifts of the machine's load touch
+  // every figure alike.
+  for (int rep = 0; rep < opt.reps; ++rep) {
+    for (const char* mode : kModes) {
+      for (const Scenario* s : list) {
+        if (progress) fprintf(stderr, "\r[%d/%d] %-8s %-14s", rep + 1, opt.reps, mode, s->name);
+        runs[s->name][mode].push_back(run_once(s->name, std::strcmp(mode, "pinned") == 0));
+      }
+    }
+  }
+  if (progress) fprintf(stderr, "\r%60s\r", "");
+  const double elapsed = static_cast<double>(now_ns() - started) / 1e9;
+
+  Table table;
+  for (auto& s : runs) {
+    for (auto& m : s.second) table[s.first][m.first] = aggregate(m.second);
+  }
+
+  printf("lumokit_bench: median of %d runs per figure, each run a fresh process tree; p50/p99 over one run's\n"
+         "operations. pinned = whole process tree under taskset -c 0. CPU us/op counts every process of the\n"
+         "run. other = CPUs (of %ld) kept busy by processes outside the benchmark meanwhile: noise.\n\n",
+         opt.reps, sysconf(_SC_NPROCESSORS_ONLN));
+  printf("%-50s %-7s %9s %9s %10s %9s %9s %6s\n", "figure", "sched", "p50 us", "p99 us", "ops/s", "CPU us/op",
+         "KiB/item", "other");
+  Json::Value report(Json::objectValue);
+  report["repetitions"] = opt.reps;
+  report["figures"] = Json::Value(Json::arrayValue);
+  for (const Scenario* s : list) {
+    for (const char* mode : kModes) {
+      const Result& m = table[s->name][mode];
+      printf("%-50s %-7s", s->label, mode);
+      if (!m.error.empty()) {
+        printf(" FAILED: %s\n", m.error.c_str());
+      } else {
+        printf(" %s %s %s %s %s %s\n", cell(m.p50_us, 9, 1).c_str(), cell(m.p99_us, 9, 1).c_str(),
+               cell(m.ops_per_s, 10, 0).c_str(), cell(m.cpu_us_per_op, 9, 1).c_str(),
+               cell(m.kib_per_item, 9, 2).c_str(), cell(m.other_cpus, 6, 2).c_str());
+      }
+      Json::Value f(Json::objectValue);
+      f["scenario"] = s->name;
+      f["label"] = s->label;
+      f["mode"] = mode;
+      f["median"] = to_json(m);
+      f["runs"] = Json::Value(Json::arrayValue);
+      for (const Result& r : runs[s->name][mode]) f["runs"].append(to_json(r));
+      report["figures"].append(f);
+    }
+  }
+
+  printf("\nTargets:\n");
+  report["targets"] = Json::Value(Json::arrayValue);
+  int missed = 0, unknown = 0;
+  for (const Target& t : targets(table)) {
+    const char* verdict = !t.known() ? "NO DATA" : t.met() ? "met" : "MISSED";
+    if (!t.known()) {
+      ++unknown;
+    } else if (!t.met()) {
+      ++missed;
+    }
+    printf("  [%-7s] %-58s %-7s %s %-3s (limit %s)\n", verdict, t.what.c_str(), t.mode.c_str(),
+           cell(t.value, 10, 1).c_str(), t.unit.c_str(), cell(t.limit, 0, 1).c_str());
+    Json::Value j(Json::objectValue);
+    j["target"] = t.what;
+    j["mode"] = t.mode;
+    j["value"] = t.value;
+    j["limit"] = t.limit;
+    j["unit"] = t.unit;
+    j["met"] = t.met();
+    j["known"] = t.known();
+    report["targets"].append(j);
+  }
+
+  printf("\nManager log cost (log on at info level to /dev/null vs silent), task round trip p50:\n");
+  report["log_cost_us"] = Json::Value(Json::objectValue);
+  for (const char* mode : kModes) {
+    const double on = fig(table, "task_1x1_log", mode, &Result::p50_us);
+    const double off = fig(table, "task_1x1", mode, &Result::p50_us);
+    if (on < 0 || off < 0) continue;
+    printf("  %-7s %+.1f us (%+.1f%%)\n", mode, on - off, 100.0 * (on - off) / off);
+    report["log_cost_us"][mode] = on - off;
+  }
+  // What the end-to-end path cannot go below with its hops and parses as
+  // they are: two client/plugin round trips on the wire plus the three
+  // jsoncpp parses on the way (host envelope, task, plugin answer).
+  printf("\nEnd-to-end decomposition, p50 (us):\n");
+  report["e2e_decomposition"] = Json::Value(Json::objectValue);
+  for (const char* mode : kModes) {
+    const double raw = fig(table, "raw", mode, &Result::p50_us);
+    const double parses = fig(table, "json_client", mode, &Result::p50_us) +
+                          fig(table, "json_task", mode, &Result::p50_us) +
+                          fig(table, "json_answer", mode, &Result::p50_us);
+    const double e2e = fig(table, "e2e", mode, &Result::p50_us);
+    const double e2e_min = fig(table, "e2e_min", mode, &Result::p50_us);
+    const double task = fig(table, "task_1x1", mode, &Result::p50_us);
+    if (raw < 0 || parses < 0 || e2e < 0 || e2e_min < 0 || task < 0) continue;
+    printf("  %-7s lumokitd %.1f = minimal host %.1f + %.1f; in-process task %.1f; "
+           "wire+parse floor 2 x RAW + 3 parses = %.1f (RAW %.1f, parses %.1f)\n",
+           mode, e2e, e2e_min, e2e - e2e_min, task, 2 * raw + parses, raw, parses);
+    Json::Value d(Json::objectValue);
+    d["lumokitd_over_minimal_host_us"] = e2e - e2e_min;
+    d["wire_and_parse_floor_us"] = 2 * raw + parses;
+    d["parses_us"] = parses;
+    report["e2e_decomposition"][mode] = d;
+  }
+
+  printf("\n%d of %zu targets missed, %d without data; %.0f s\n", missed, targets(table).size(), unknown,
+         elapsed);
+  report["elapsed_s"] = elapsed;
+  report["targets_missed"] = missed;
+  report["targets_without_data"] = unknown;
+
+  if (!opt.json_path.empty()) {
+    std::ofstream out(opt.json_path);
+    Json::StreamWriterBuilder w;
+    w["indentation"] = "  ";
+    out << Json::writeString(w, report) << "\n";
+    if (!out) {
+      fprintf(stderr, "lumokit_bench: cannot write %s\n", opt.json_path.c_str());
+      return 1;
+    }
+    printf("wrote %s\n", opt.json_path.c_str());
+  }
+  return 0;
+}
+
+}  // namespace bench

@@ -1,0 +1,66 @@
+// The measured scenarios. Each runs in a process of its own (a fresh
+// manager for every run) and yields one Result.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+namespace bench {
+
+// One run of one scenario. Figures that do not apply stay negative.
+struct Result {
+  double p50_us = -1;         // per operation
+  double p99_us = -1;
+  double ops_per_s = -1;      // operations per second of wall time
+  double cpu_us_per_op = -1;  // CPU of every process involved, per operation
+  double kib_per_item = -1;   // resident size added per plugin or session
+  double other_cpus = -1;     // CPUs kept busy by processes outside the run
+  int64_t count = 0;          // operations measured
+  std::string error;          // empty when the run is good
+};
+
+Json::Value to_json(const Result& r);
+Result result_from_json(const Json::Value& v);
+
+struct Scenario {
+  const char* name;
+  const char* label;
+  Result (*run)();
+};
+const std::vector<Scenario>& all_scenarios();
+const Scenario* find_scenario(const std::string& name);
+
+// Runs one scenario in this process and prints its Result as one JSON line.
+int run_scenario_process(const std::string& name);
+
+// The scenarios, by file.
+Result run_raw();
+Result run_shape_1();
+Result run_shape_4x4();
+Result run_shape_4x1();
+Result run_task_1x1();
+Result run_task_1x1_log();
+Result run_task_4x4();
+Result run_task_4x1();
+Result run_e2e();
+Result run_e2e_min();
+Result run_create_1();
+Result run_create_8();
+Result run_registrations();
+Result run_mem_plugins();
+Result run_mem_sessions();
+Result run_json_task();
+Result run_json_answer();
+Result run_json_client();
+
+// Sizes shared by the floors and the manager paths so that they compare.
+inline constexpr uint32_t kLatencyTasks = 4000;
+inline constexpr uint32_t kThroughputTasksPerSession = 3000;
+inline constexpr uint32_t kThroughputWindow = 4;  // tasks in flight per session
+inline constexpr uint32_t kWarmupTasks = 300;
+inline constexpr uint32_t kBaseOpcode = 0x1001;
+
+}  // namespace bench
