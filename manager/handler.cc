@@ -17,6 +17,7 @@
 #include "LumoSysAccess.h"
 #include "Service.h"
 #include "json_read.h"
+#include "json_scan.h"
 #include "session_tables.h"
 #include "token_verify.h"
 
@@ -225,9 +226,7 @@ void handle_end_session(Connection& c, const Json::Value& root) {
   }
 }
 
-void handle_exec_task(Connection& c, const Json::Value& root, size_t received) {
-  const uint32_t transac_id = json_uint(root, "transac_id", 0);
-  const uint32_t session_id = json_uint(root, "session_id", 0);
+void handle_exec_task(Connection& c, uint32_t session_id, uint32_t transac_id, size_t received) {
   lumo_callback callback = find_session_callback(session_id);
   if (callback == nullptr) return;
   const size_t len = strnlen(c.buffer.get(), received);
@@ -379,9 +378,16 @@ void* svc_hal_handler_thread(void* arg) {
     }
     const size_t received = static_cast<size_t>(n);
     const char* begin = c.buffer.get();
+    // Task results are the bulk of the traffic: a plain one is read in one
+    // pass. Everything else, and anything unusual, goes to the JSON library.
+    PluginMessageScan scan;
+    if (scan_plugin_message(begin, received, &scan) && scan.req_type == "exec_task") {
+      handle_exec_task(c, scan.session_id, scan.transac_id, received);
+      continue;
+    }
     root = Json::Value();
     std::string errors;
-    if (!reader->parse(begin, begin + received, &root, &errors)) {
+    if (!parse_json_safely(*reader, begin, begin + received, &root, &errors)) {
       __android_log_print(ANDROID_LOG_WARN, kTagLink, "Parsing failed!!");
       continue;
     }
@@ -399,7 +405,8 @@ void* svc_hal_handler_thread(void* arg) {
     } else if (kind == "end_session") {
       handle_end_session(c, root);
     } else if (kind == "exec_task") {
-      handle_exec_task(c, root, received);
+      handle_exec_task(c, json_uint(root, "session_id", 0), json_uint(root, "transac_id", 0),
+                       received);
     } else if (kind == "PERMISSION") {
       handle_permission(c, root);
     } else if (kind == "INFO_QUERY") {

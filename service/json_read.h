@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <exception>
 #include <string>
 
 #include <json/json.h>
@@ -29,6 +30,18 @@ inline int32_t json_int(const Json::Value& obj, const char* key, int32_t fallbac
   const Json::Value* v = json_member(obj, key);
   if (v == nullptr) return fallback;
   return v->isConvertibleTo(Json::intValue) && !v->isString() ? v->asInt() : fallback;
+}
+
+// jsoncpp throws, rather than failing, on input nested past its depth limit:
+// such a text is simply not JSON here.
+inline bool parse_json_safely(Json::CharReader& reader, const char* begin, const char* end,
+                              Json::Value* root, std::string* errors) {
+  try {
+    return reader.parse(begin, end, root, errors);
+  } catch (const std::exception& e) {
+    if (errors != nullptr) *errors = e.what();
+    return false;
+  }
 }
 
 inline std::string json_write_compact(const Json::Value& v) {

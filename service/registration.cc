@@ -10,7 +10,9 @@ int register_client(int svc_id, unsigned int opcode, Json::Value def) {
   std::shared_ptr<Service> svc = find_in_service_map(svc_id);
   if (!svc || svc->get_svc_hal_state() == SVC_HAL_GONE || svc->get_svc_hal_died()) return -1;
   if (process_json(opcode, def, svc) != 0) return -1;
-  svc->set_svc_hal_state(SVC_HAL_REGISTERED);
+  // A plugin registering more after its first "REDY" stays ready: its sender
+  // runs, and its connection keeps the large receive limit.
+  if (svc->get_svc_hal_state() != SVC_HAL_READY) svc->set_svc_hal_state(SVC_HAL_REGISTERED);
   return 0;
 }
 

@@ -42,7 +42,8 @@ std::string create_error_response(std::string request, int32_t status) {
   std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value root;
   std::string errors;
-  if (!reader->parse(request.data(), request.data() + request.size(), &root, &errors)) {
+  if (!parse_json_safely(*reader, request.data(), request.data() + request.size(), &root,
+                         &errors)) {
     __android_log_print(ANDROID_LOG_ERROR, kTagSession, "parsing of json file failed (%s)!!",
                         errors.c_str());
     return "";

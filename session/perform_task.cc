@@ -3,10 +3,12 @@
 #include <android/log.h>
 
 #include <algorithm>
+#include <string_view>
 
 #include "LumoManager.h"
 #include "LumoSysAccess.h"
 #include "json_read.h"
+#include "json_scan.h"
 #include "session_tables.h"
 
 namespace {
@@ -153,40 +155,15 @@ bool pass_privacy_gate(const std::string& api_key, const TaskClient& client) {
   return true;
 }
 
-}  // namespace
-
-void perform_task(const std::string& request, lumo_callback callback, uint32_t session_id) {
-  TaskClient client{0, 0, session_id, 0, 0};
-  {
-    std::lock_guard<std::mutex> lock(sessionid_pid_uid_map_mtx);
-    auto it = sessionid_pid_uid_map.find(session_id);
-    if (it != sessionid_pid_uid_map.end()) {
-      client.pid = it->second.first;
-      client.uid = it->second.second;
-    }
-  }
-
-  thread_local std::unique_ptr<Json::CharReader> reader(reader_builder().newCharReader());
-  Json::Value root;
-  std::string errors;
-  if (!reader->parse(request.data(), request.data() + request.size(), &root, &errors)) {
-    __android_log_print(ANDROID_LOG_WARN, kTagSession, "Parsing Failed!!!");
-    callback(LUMO_RESPONSE_TASK, session_id, "", 0, 0);
-    return;
-  }
-  if (!sanitizingJson(root)) {
-    __android_log_print(ANDROID_LOG_WARN, kTagSession,
-                        "Sanitizing Failed!!! Input is not aligned with the criteria");
-    callback(LUMO_RESPONSE_TASK, session_id, "", 0, 0);
-    return;
-  }
-  if (root["session_id"].asUInt() != session_id) return;
+// Steps after sanitising, whichever reader filled `task`.
+void execute_task(const std::string& request, lumo_callback callback, uint32_t session_id,
+                  TaskClient& client, const TaskRequestScan& task) {
+  if (task.session_id != session_id) return;
 
   bool granted_pair = false;
-  const Json::Value& func = root["func"];
-  client.opcode = task_opcode(root["opcode"].asString());
-  client.subsystem = root["subsys_id"].asUInt();
-  const uint32_t transac_id = root["transac_id"].asUInt();
+  client.opcode = task_opcode(std::string(task.opcode));
+  client.subsystem = task.subsys_id;
+  const uint32_t transac_id = task.transac_id;
   const OpcodeSubsys pair(client.opcode, client.subsystem);
   {
     std::lock_guard<std::mutex> lock(sessionid_granted_opcodesubsys_map_mtx);
@@ -198,20 +175,19 @@ void perform_task(const std::string& request, lumo_callback callback, uint32_t s
     granted_pair = it->second->count(pair) != 0;
   }
 
-  const uint32_t num_of_args = func["num_of_args"].asUInt();
-  const Json::Value& args = func["args"];
-  std::string api_key = func["name"].asString();
+  const uint32_t num_of_args = task.num_of_args;
+  std::string api_key(task.name);
   api_key += ":";
   api_key += std::to_string(client.subsystem);
   api_key += ":";
   api_key += std::to_string(num_of_args);
   api_key += ":";
-  for (Json::ArrayIndex i = 0; i < args.size(); ++i) {
+  for (size_t i = 0; i < task.arg_types.size(); ++i) {
     if (i != 0) api_key += ":";
-    api_key += args[i]["type"].asString();
+    api_key += task.arg_types[i];
   }
 
-  if (args.size() != num_of_args) {
+  if (task.arg_types.size() != num_of_args) {
     __android_log_print(ANDROID_LOG_ERROR, kTagSession, "Number of arguments mismatched!!!");
     answer_error(callback, request, session_id, kStatusArgumentCount, transac_id);
     return;
@@ -248,4 +224,66 @@ void perform_task(const std::string& request, lumo_callback callback, uint32_t s
     return;
   }
   add_msg_to_queue(std::move(svc), request);
+}
+
+std::string_view text_of(const Json::Value& value) {
+  const char* begin = nullptr;
+  const char* end = nullptr;
+  if (!value.getString(&begin, &end)) return std::string_view();
+  return std::string_view(begin, static_cast<size_t>(end - begin));
+}
+
+// The JSON library's reading of a request the scanner did not vouch for:
+// false once a parse or sanitising failure has been answered. The texts in
+// `task` point into `root`.
+bool read_with_library(const std::string& request, lumo_callback callback, uint32_t session_id,
+                       Json::Value* root, TaskRequestScan* task) {
+  thread_local std::unique_ptr<Json::CharReader> reader(reader_builder().newCharReader());
+  std::string errors;
+  if (!reader->parse(request.data(), request.data() + request.size(), root, &errors)) {
+    __android_log_print(ANDROID_LOG_WARN, kTagSession, "Parsing Failed!!!");
+    callback(LUMO_RESPONSE_TASK, session_id, "", 0, 0);
+    return false;
+  }
+  if (!sanitizingJson(*root)) {
+    __android_log_print(ANDROID_LOG_WARN, kTagSession,
+                        "Sanitizing Failed!!! Input is not aligned with the criteria");
+    callback(LUMO_RESPONSE_TASK, session_id, "", 0, 0);
+    return false;
+  }
+  const Json::Value& doc = *root;
+  const Json::Value& func = doc["func"];
+  task->session_id = doc["session_id"].asUInt();
+  task->transac_id = doc["transac_id"].asUInt();
+  task->opcode = text_of(doc["opcode"]);
+  task->subsys_id = doc["subsys_id"].asUInt();
+  task->name = text_of(func["name"]);
+  task->num_of_args = func["num_of_args"].asUInt();
+  task->arg_types.clear();
+  for (const Json::Value& arg : func["args"]) task->arg_types.push_back(text_of(arg["type"]));
+  return true;
+}
+
+}  // namespace
+
+void perform_task(const std::string& request, lumo_callback callback, uint32_t session_id) {
+  TaskClient client{0, 0, session_id, 0, 0};
+  {
+    std::lock_guard<std::mutex> lock(sessionid_pid_uid_map_mtx);
+    auto it = sessionid_pid_uid_map.find(session_id);
+    if (it != sessionid_pid_uid_map.end()) {
+      client.pid = it->second.first;
+      client.uid = it->second.second;
+    }
+  }
+
+  // Plain requests are read in one pass; anything else goes to the JSON
+  // library, which also decides every parse and sanitising failure.
+  TaskRequestScan task;
+  Json::Value root;
+  if (!scan_task_request(request.data(), request.size(), &task) &&
+      !read_with_library(request, callback, session_id, &root, &task)) {
+    return;
+  }
+  execute_task(request, callback, session_id, client, task);
 }

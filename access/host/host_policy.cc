@@ -2,6 +2,7 @@
 // and unknown members are refused, so a typo in a test fixture fails loudly
 // instead of silently granting or denying something.
 #include "host_policy.h"
+#include "json_read.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -185,7 +186,7 @@ bool parse_policy(const std::string& text, const std::string& source, HostPolicy
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value root;
   std::string errs;
-  if (!reader->parse(text.data(), text.data() + text.size(), &root, &errs)) {
+  if (!parse_json_safely(*reader, text.data(), text.data() + text.size(), &root, &errs)) {
     if (error != nullptr) *error = source + ": not valid JSON: " + flatten_reader_errors(errs);
     return false;
   }

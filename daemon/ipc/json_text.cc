@@ -1,5 +1,6 @@
 #include "json_text.h"
 
+#include <exception>
 #include <memory>
 
 namespace lumokit::ipc {
@@ -49,7 +50,14 @@ size_t utf8_sequence(const unsigned char* p, size_t left) {
 
 bool parse_json(const char* data, size_t length, Json::Value* out, std::string* error) {
   std::string errs;
-  if (!strict_reader().parse(data, data + length, out, &errs)) {
+  bool parsed;
+  try {
+    parsed = strict_reader().parse(data, data + length, out, &errs);
+  } catch (const std::exception& e) {  // nested past the reader's depth limit
+    parsed = false;
+    errs = e.what();
+  }
+  if (!parsed) {
     // The reader's text carries a trailing newline; keep messages one line.
     while (!errs.empty() && (errs.back() == '\n' || errs.back() == ' ')) errs.pop_back();
     for (char& c : errs) {

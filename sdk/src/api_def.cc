@@ -1,6 +1,7 @@
 // API definition and token files.
 #include "lumokit/api_def.h"
 
+#include <exception>
 #include <algorithm>
 #include <cctype>
 #include <fstream>
@@ -31,7 +32,14 @@ Json::Value load_api_def(const std::string& path) {
   std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value doc;
   std::string errs;
-  if (!reader->parse(text.data(), text.data() + text.size(), &doc, &errs)) {
+  bool parsed;
+  try {
+    parsed = reader->parse(text.data(), text.data() + text.size(), &doc, &errs);
+  } catch (const std::exception& e) {  // nested past the reader's depth limit
+    parsed = false;
+    errs = e.what();
+  }
+  if (!parsed) {
     throw PluginError(PluginError::Kind::Invalid, "API definition " + path + " is not JSON: " + errs);
   }
   if (doc.isObject() && doc.isMember("api_def")) doc = doc["api_def"];

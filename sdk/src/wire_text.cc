@@ -1,5 +1,6 @@
 #include "wire_text.h"
 
+#include <exception>
 #include <memory>
 
 namespace lumokit::wire::text {
@@ -27,7 +28,14 @@ bool parse_json(const std::string& text, Json::Value* out, std::string* error) {
   builder["collectComments"] = false;
   std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   std::string errs;
-  if (!reader->parse(text.data(), text.data() + text.size(), out, &errs)) {
+  bool parsed;
+  try {
+    parsed = reader->parse(text.data(), text.data() + text.size(), out, &errs);
+  } catch (const std::exception& e) {  // nested past the reader's depth limit
+    parsed = false;
+    errs = e.what();
+  }
+  if (!parsed) {
     *error = trim(errs);
     return false;
   }

@@ -1,5 +1,6 @@
 // lumokit-token: makes keys, signs API definitions into registration tokens
 // and checks "AUTH" messages the way the manager does.
+#include <exception>
 #include <json/json.h>
 
 #include <cstdint>
@@ -119,7 +120,14 @@ bool read_json_file(const std::string& path, Json::Value* value, std::string* er
   Json::CharReaderBuilder builder;
   std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   std::string parse_error;
-  if (!reader->parse(content.data(), content.data() + content.size(), value, &parse_error)) {
+  bool parsed;
+  try {
+    parsed = reader->parse(content.data(), content.data() + content.size(), value, &parse_error);
+  } catch (const std::exception& e) {  // nested past the reader's depth limit
+    parsed = false;
+    parse_error = e.what();
+  }
+  if (!parsed) {
     *error = path + ": not valid JSON: " + parse_error;
     return false;
   }
