@@ -6,6 +6,7 @@
 #include <android/log.h>
 #include <lumokit/host_platform.h>
 
+#include "json_read.h"
 #include "token_verify.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -26,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Json::CharReaderBuilder builder;
     std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value parsed;
-    if (reader->parse(def.data(), def.data() + def.size(), &parsed, nullptr)) {
+    if (parse_json_safely(*reader, def.data(), def.data() + def.size(), &parsed, nullptr)) {
       message["api_def"] = parsed;
     } else {
       message["api_def"] = def;
