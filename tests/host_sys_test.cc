@@ -1,6 +1,7 @@
 // The host stand-in for the system service: policy validation, the answers
 // of each operation, death and restart, permission-change delivery, injected
-// failures.
+// failures. How the manager links to it, relinks after a death and reads its
+// answers is proved in integration_access_test.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -37,6 +38,52 @@ constexpr const char* kPolicy = R"({
     {"uid": 10200, "package": "com.example.radio", "cert_hash": "aa77", "foreground": false}
   ]
 })";
+const std::string kCamera = "android.permission.CAMERA";
+const std::string kAudio = "android.permission.RECORD_AUDIO";
+const std::string kFine = "android.permission.ACCESS_FINE_LOCATION";
+
+// Records each call as "pid uid permission status"; `off_thread` stays true
+// while every call came on a thread other than the one that made it.
+class RecordingCallback : public lumosys::ILumoSysCallback {
+ public:
+  bool onpermissionchanged(int32_t pid, int32_t uid, const std::string& permission,
+                           bool status) override {
+    std::lock_guard<std::mutex> lock(mtx_);
+    calls_.push_back(std::to_string(pid) + " " + std::to_string(uid) + " " + permission + " " +
+                     std::to_string(status));
+    if (std::this_thread::get_id() == owner_) off_thread = false;
+    return true;
+  }
+  std::vector<std::string> calls() {
+    std::lock_guard<std::mutex> lock(mtx_);
+    return calls_;
+  }
+  std::atomic<bool> off_thread{true};
+
+ private:
+  const std::thread::id owner_ = std::this_thread::get_id();
+  std::mutex mtx_;
+  std::vector<std::string> calls_;
+};
+
+// Which of the five operations succeed, '1' each, in the order
+// checkGrantedPermissions, queryInfo, updatePrivacyOperation, getAPIInfo,
+// setPermissionChangeCallback.
+std::string outcomes(lumosys::ILumoSys& service) {
+  std::vector<bool> granted;
+  std::vector<std::string> answers;
+  std::vector<lumosys::APIInfo> infos;
+  int32_t result = -1;
+  const bool ok[] = {
+      service.checkGrantedPermissions(1, 10123, {kCamera}, &granted),
+      service.queryInfo(1, 10123, {"app.name.package"}, &answers),
+      service.updatePrivacyOperation("op", 1, 10123, false, &result),
+      service.getAPIInfo(&infos),
+      service.setPermissionChangeCallback(std::make_shared<RecordingCallback>())};
+  std::string out;
+  for (bool b : ok) out += b ? '1' : '0';
+  return out;
+}
 
 class HostSysTest : public ::testing::Test {
  protected:
@@ -54,13 +101,8 @@ class HostSysTest : public ::testing::Test {
 
 // ---- policy validation ----------------------------------------------------
 
-struct BadPolicy {
-  const char* text;
-  const char* error;  // exact text after "policy text: "
-};
-
 TEST_F(HostSysTest, MalformedPoliciesAreRefusedWithWhereAndWhat) {
-  const BadPolicy cases[] = {
+  const std::pair<const char*, const char*> cases[] = {  // text, error after "policy text: "
       {"[]", "top level: expected an object"},
       {R"({"declard": true})", "top level: unknown member \"declard\""},
       {R"({"declared": "yes"})", "declared: expected a boolean"},
@@ -85,43 +127,30 @@ TEST_F(HostSysTest, MalformedPoliciesAreRefusedWithWhereAndWhat) {
       {R"({"apps": [{"uid": 4294967296}]})", "apps[0].uid: expected an unsigned 32-bit integer"},
       {R"({"apps": [{"uid": 1, "package": 2}]})", "apps[0].package: expected a string"},
       {R"({"apps": [{"uid": 1, "cert_hash": false}]})", "apps[0].cert_hash: expected a string"},
-      {R"({"apps": [{"uid": 1, "foreground": "true"}]})",
-       "apps[0].foreground: expected a boolean"},
+      {R"({"apps": [{"uid": 1, "foreground": "true"}]})", "apps[0].foreground: expected a boolean"},
       {R"({"apps": [{"uid": 1, "granted": "android.permission.CAMERA"}]})",
        "apps[0].granted: expected an array"},
       {R"({"apps": [{"uid": 1, "granted": ["a", 2]}]})", "apps[0].granted[1]: expected a string"},
       {R"({"apps": [{"uid": 1, "foregrnd": true}]})", "apps[0]: unknown member \"foregrnd\""},
       {R"({"apps": [{"uid": 5}, {"uid": 5}]})", "apps[1].uid: duplicate uid 5"},
   };
-  for (const BadPolicy& c : cases) {
-    std::string error;
-    EXPECT_FALSE(host::load_policy_text(c.text, &error)) << c.text;
-    EXPECT_EQ(error, std::string("policy text: ") + c.error) << c.text;
+  std::string error;
+  for (const auto& [text, want] : cases) {
+    EXPECT_FALSE(host::load_policy_text(text, &error)) << text;
+    EXPECT_EQ(error, std::string("policy text: ") + want) << text;
   }
-  // None of them changed anything.
-  EXPECT_FALSE(lumosys::isDeclared(lumosys::kLumoSysInstance));
-  EXPECT_FALSE(host::is_alive());
-}
-
-TEST_F(HostSysTest, TextThatIsNotJsonIsRefusedWithTheReaderError) {
-  const char* cases[] = {
-      "{",
-      R"({"declared": true,})",                    // trailing comma
-      R"({"declared": true, "declared": false})",  // a duplicate would hide a value
-      "// comment\n{}",
-      "{} {}",
-  };
-  for (const char* text : cases) {
-    std::string error;
+  // Not JSON, strictly read: the reader's error on one line.
+  for (const char* text : {"{", R"({"declared": true,})", R"({"declared": true, "declared": false})",
+                           "// comment\n{}", "{} {}"}) {
     EXPECT_FALSE(host::load_policy_text(text, &error)) << text;
     EXPECT_EQ(error.rfind("policy text: not valid JSON: Line ", 0), 0u) << error;
     EXPECT_EQ(error.find('\n'), std::string::npos) << error;
   }
-}
-
-TEST_F(HostSysTest, FailedLoadKeepsThePreviousPolicy) {
+  // None of them changed anything.
+  EXPECT_FALSE(lumosys::isDeclared(lumosys::kLumoSysInstance));
+  EXPECT_FALSE(host::is_alive());
+  // Nor does a failed load once a policy is in force.
   auto service = load_and_connect();
-  std::string error;
   EXPECT_FALSE(host::load_policy_text(R"({"declared": false, "apps": [{"uid": "x"}]})", &error));
   EXPECT_TRUE(lumosys::isDeclared(lumosys::kLumoSysInstance));
   std::vector<lumosys::APIInfo> infos;
@@ -130,33 +159,27 @@ TEST_F(HostSysTest, FailedLoadKeepsThePreviousPolicy) {
 }
 
 TEST_F(HostSysTest, PolicyFilesAreNamedInTheirErrors) {
-  const std::string dir = ::testing::TempDir();
   // Other builds may run this test at the same time.
-  const std::string tag = "host_sys_" + std::to_string(::getpid()) + "_";
-  const std::string missing = dir + tag + "no_such_policy.json";
-  std::remove(missing.c_str());
+  const std::string base = ::testing::TempDir() + "host_sys_" + std::to_string(::getpid()) + "_";
+  const std::string missing = base + "no_such_policy.json";
+  const std::pair<std::string, const char*> files[] = {  // name, content
+      {base + "bad_policy.json", R"({"apis": [{"id": "a", "extra1": []}]})"},
+      {base + "broken_policy.json", "{\"declared\": tru}"},
+      {base + "good_policy.json", kPolicy}};
+  for (const auto& [path, text] : files) std::ofstream(path) << text;
+  const std::pair<std::string, std::string> cases[] = {  // path, start of the error
+      {missing, missing + ": cannot open: No such file or directory"},
+      {::testing::TempDir(), ::testing::TempDir() + ": cannot read: "},
+      {files[0].first, files[0].first + ": apis[0].extra1: expected a string"},
+      {files[1].first, files[1].first + ": not valid JSON: "}};
   std::string error;
-  EXPECT_FALSE(host::load_policy_file(missing, &error));
-  EXPECT_EQ(error, missing + ": cannot open: No such file or directory");
-
-  EXPECT_FALSE(host::load_policy_file(dir, &error));
-  EXPECT_EQ(error.rfind(dir + ": cannot read: ", 0), 0u) << error;
-
-  const std::string bad = dir + tag + "bad_policy.json";
-  std::ofstream(bad) << R"({"apis": [{"id": "a", "extra1": []}]})";
-  EXPECT_FALSE(host::load_policy_file(bad, &error));
-  EXPECT_EQ(error, bad + ": apis[0].extra1: expected a string");
-
-  const std::string broken = dir + tag + "broken_policy.json";
-  std::ofstream(broken) << "{\"declared\": tru}";
-  EXPECT_FALSE(host::load_policy_file(broken, &error));
-  EXPECT_EQ(error.rfind(broken + ": not valid JSON: ", 0), 0u) << error;
-
-  const std::string good = dir + tag + "good_policy.json";
-  std::ofstream(good) << kPolicy;
-  EXPECT_TRUE(host::load_policy_file(good, &error)) << error;
+  for (const auto& [path, want] : cases) {
+    EXPECT_FALSE(host::load_policy_file(path, &error)) << path;
+    EXPECT_EQ(error.substr(0, want.size()), want);
+  }
+  EXPECT_TRUE(host::load_policy_file(files[2].first, &error)) << error;
   EXPECT_TRUE(host::is_alive());
-  for (const auto& path : {bad, broken, good}) std::remove(path.c_str());
+  for (const auto& file : files) std::remove(file.first.c_str());
 }
 
 TEST_F(HostSysTest, DeclaredFlagControlsDeclarationAndRegistration) {
@@ -177,84 +200,34 @@ TEST_F(HostSysTest, DeclaredFlagControlsDeclarationAndRegistration) {
 
 // ---- answers ----------------------------------------------------------------
 
-TEST_F(HostSysTest, GetAPIInfoReturnsRecordsInFileOrderWithDefaults) {
+TEST_F(HostSysTest, QueriesPermissionChecksAndPrivacyOperationsAnswerFromThePolicy) {
   auto service = load_and_connect();
-  std::vector<lumosys::APIInfo> infos;
-  ASSERT_TRUE(service->getAPIInfo(&infos));
-  ASSERT_EQ(infos.size(), 2u);
-  EXPECT_EQ(infos[0].id, "getLocation:2:int:string");
-  EXPECT_EQ(infos[0].permissions, "android.permission.ACCESS_FINE_LOCATION");
-  EXPECT_EQ(infos[0].start_op, "android:fine_location");
-  EXPECT_EQ(infos[0].stop_op, "");
-  EXPECT_EQ(infos[0].extra1, "e1");
-  EXPECT_EQ(infos[0].extra2, "e2");
-  EXPECT_EQ(infos[0].subsystem, "3");
-  EXPECT_EQ(infos[1].id, "ping");
-  EXPECT_EQ(infos[1].permissions, "");
-  EXPECT_EQ(infos[1].subsystem, "1");
-}
-
-TEST_F(HostSysTest, QueryInfoAnswersPerKeyFromTheAppRecord) {
-  auto service = load_and_connect();
-  const std::vector<std::string> keys = {"app.id.pid",       "app.id.uid",
-                                         "app.name.package", "app.id.cert_hash",
-                                         "app.status.fore_back", "app.unknown"};
-  struct Case {
+  const std::vector<std::string> keys = {"app.id.pid", "app.id.uid", "app.name.package",
+                                         "app.id.cert_hash", "app.status.fore_back", "app.unknown"};
+  const struct {
     int32_t uid;
     std::vector<std::string> answers;
+    std::vector<bool> granted;  // camera, audio, fine location
+  } cases[] = {
+      {10123, {"", "", "com.example.maps", "SUCCESS:5f0c11", "SUCCESS:foreground", ""}, {true, false, true}},
+      {10200, {"", "", "com.example.radio", "SUCCESS:aa77", "SUCCESS:background", ""}, {false, false, false}},
+      {99999, {"", "", "", "", "", ""}, {false, false, false}},
   };
-  const Case cases[] = {
-      {10123, {"", "", "com.example.maps", "SUCCESS:5f0c11", "SUCCESS:foreground", ""}},
-      {10200, {"", "", "com.example.radio", "SUCCESS:aa77", "SUCCESS:background", ""}},
-      {99999, {"", "", "", "", "", ""}},
-  };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     std::vector<std::string> answers = {"stale"};
+    std::vector<bool> granted = {true};
     ASSERT_TRUE(service->queryInfo(4711, c.uid, keys, &answers)) << c.uid;
+    ASSERT_TRUE(service->checkGrantedPermissions(1, c.uid, {kCamera, kAudio, kFine}, &granted));
     EXPECT_EQ(answers, c.answers) << c.uid;
-  }
-  std::vector<std::string> answers = {"stale"};
-  ASSERT_TRUE(service->queryInfo(1, 10123, {}, &answers));
-  EXPECT_TRUE(answers.empty());
-}
-
-TEST_F(HostSysTest, CheckGrantedPermissionsAnswersOneBoolPerName) {
-  auto service = load_and_connect();
-  const std::vector<std::string> names = {"android.permission.CAMERA",
-                                          "android.permission.RECORD_AUDIO",
-                                          "android.permission.ACCESS_FINE_LOCATION"};
-  struct Case {
-    int32_t uid;
-    std::vector<bool> granted;
-  };
-  const Case cases[] = {
-      {10123, {true, false, true}},
-      {10200, {false, false, false}},
-      {424242, {false, false, false}},
-  };
-  for (const Case& c : cases) {
-    std::vector<bool> granted;
-    ASSERT_TRUE(service->checkGrantedPermissions(1, c.uid, names, &granted)) << c.uid;
     EXPECT_EQ(granted, c.granted) << c.uid;
   }
   EXPECT_EQ(host::checkGrantedPermissions_calls(), 3);
-}
-
-TEST_F(HostSysTest, PrivacyOperationsAreLoggedInOrder) {
-  auto service = load_and_connect();
+  std::vector<std::string> answers = {"stale"};
+  ASSERT_TRUE(service->queryInfo(1, 10123, {}, &answers));
+  EXPECT_TRUE(answers.empty());
   int32_t result = -7;
-  ASSERT_TRUE(service->updatePrivacyOperation("android:fine_location", 4711, 10123, false, &result));
-  EXPECT_EQ(result, 0);
   ASSERT_TRUE(service->updatePrivacyOperation("android:fine_location", 4711, 10123, true, &result));
-  const auto log = host::privacy_log();
-  ASSERT_EQ(log.size(), 2u);
-  EXPECT_EQ(log[0].operation, "android:fine_location");
-  EXPECT_EQ(log[0].pid, 4711);
-  EXPECT_EQ(log[0].uid, 10123);
-  EXPECT_FALSE(log[0].stop);
-  EXPECT_TRUE(log[1].stop);
-  host::clear_privacy_log();
-  EXPECT_TRUE(host::privacy_log().empty());
+  EXPECT_EQ(result, 0);
 }
 
 // ---- death and restart --------------------------------------------------------
@@ -265,15 +238,6 @@ struct Notice {
   std::condition_variable cv;
   int count = 0;
   std::thread::id thread;
-
-  bool wait_for(int expected) {
-    std::unique_lock<std::mutex> lock(mtx);
-    return cv.wait_for(lock, 5s, [&] { return count >= expected; });
-  }
-  int seen() {
-    std::lock_guard<std::mutex> lock(mtx);
-    return count;
-  }
 };
 
 void record_notice(void* cookie) {
@@ -284,229 +248,95 @@ void record_notice(void* cookie) {
   notice->cv.notify_all();
 }
 
-TEST_F(HostSysTest, KillFiresEachLinkOnceOnAnotherThread) {
+TEST_F(HostSysTest, KillTellsEachLinkOfItsIncarnationOnceAndDeadProxiesFail) {
   auto service = load_and_connect();
-  lumosys::DeathRecipient* recipient = lumosys::newDeathRecipient(&record_notice);
-  ASSERT_NE(recipient, nullptr);
-  Notice first;
-  Notice second;
-  ASSERT_TRUE(lumosys::linkToDeath(service, recipient, &first));
-  ASSERT_TRUE(lumosys::linkToDeath(service, lumosys::newDeathRecipient(&record_notice), &second));
+  Notice notices[2];
+  for (Notice& notice : notices) {
+    ASSERT_TRUE(lumosys::linkToDeath(service, lumosys::newDeathRecipient(&record_notice), &notice));
+  }
   EXPECT_EQ(lumosys::newDeathRecipient(nullptr), nullptr);
-  EXPECT_FALSE(lumosys::linkToDeath(nullptr, recipient, &first));
+  EXPECT_FALSE(lumosys::linkToDeath(nullptr, lumosys::newDeathRecipient(&record_notice), &notices[0]));
 
   host::kill();
-  ASSERT_TRUE(first.wait_for(1));
-  ASSERT_TRUE(second.wait_for(1));
-  EXPECT_NE(first.thread, std::this_thread::get_id());
-  EXPECT_NE(second.thread, std::this_thread::get_id());
+  for (Notice& notice : notices) {
+    std::unique_lock<std::mutex> lock(notice.mtx);
+    ASSERT_TRUE(notice.cv.wait_for(lock, 5s, [&] { return notice.count > 0; }));
+    EXPECT_NE(notice.thread, std::this_thread::get_id());
+  }
   EXPECT_FALSE(host::is_alive());
   EXPECT_EQ(lumosys::getService(lumosys::kLumoSysInstance), nullptr);
   EXPECT_TRUE(lumosys::isDeclared(lumosys::kLumoSysInstance));
 
   host::kill();  // already dead: nothing more to tell
   host::start();
-  auto again = lumosys::getService(lumosys::kLumoSysInstance);
-  ASSERT_NE(again, nullptr);
-  host::kill();  // the old links belonged to the first incarnation
-  std::this_thread::sleep_for(100ms);
-  EXPECT_EQ(first.seen(), 1);
-  EXPECT_EQ(second.seen(), 1);
-}
-
-TEST_F(HostSysTest, WaitForServiceBlocksUntilStart) {
-  load_and_connect();
-  host::kill();
-  std::atomic<bool> returned{false};
-  std::shared_ptr<lumosys::ILumoSys> found;
-  std::thread waiter([&] {
-    found = lumosys::waitForService(lumosys::kLumoSysInstance);
-    returned = true;
-  });
-  std::this_thread::sleep_for(150ms);
-  EXPECT_FALSE(returned.load());
-  host::start();
-  waiter.join();
-  ASSERT_NE(found, nullptr);
-  std::vector<bool> granted;
-  EXPECT_TRUE(found->checkGrantedPermissions(1, 10123, {"android.permission.CAMERA"}, &granted));
-  EXPECT_EQ(granted, std::vector<bool>{true});
-}
-
-// A recipient that reconnects from the notice thread, as the manager does,
-// must not hold up kill() and must get the next incarnation.
-struct Reconnect {
-  std::mutex mtx;
-  std::condition_variable cv;
-  std::shared_ptr<lumosys::ILumoSys> service;
-};
-
-void reconnect_on_death(void* cookie) {
-  auto* state = static_cast<Reconnect*>(cookie);
-  auto service = lumosys::waitForService(lumosys::kLumoSysInstance);
-  std::lock_guard<std::mutex> lock(state->mtx);
-  state->service = std::move(service);
-  state->cv.notify_all();
-}
-
-TEST_F(HostSysTest, RecipientMayBlockUntilTheServiceReturns) {
-  auto service = load_and_connect();
-  Reconnect state;
-  ASSERT_TRUE(
-      lumosys::linkToDeath(service, lumosys::newDeathRecipient(&reconnect_on_death), &state));
-  host::kill();  // returns although the recipient blocks
-  std::this_thread::sleep_for(50ms);
-  host::start();
-  std::unique_lock<std::mutex> lock(state.mtx);
-  ASSERT_TRUE(state.cv.wait_for(lock, 5s, [&] { return state.service != nullptr; }));
-  std::vector<lumosys::APIInfo> infos;
-  EXPECT_TRUE(state.service->getAPIInfo(&infos));
-  EXPECT_FALSE(service->getAPIInfo(&infos));
-}
-
-TEST_F(HostSysTest, ProxiesOfADeadIncarnationFailEveryCall) {
-  auto old_proxy = load_and_connect();
-  host::kill();
-  host::start();
   auto fresh = lumosys::getService(lumosys::kLumoSysInstance);
   ASSERT_NE(fresh, nullptr);
-
-  std::vector<bool> granted;
-  std::vector<std::string> answers;
-  std::vector<lumosys::APIInfo> infos;
-  int32_t result = -1;
-  EXPECT_FALSE(old_proxy->checkGrantedPermissions(1, 10123, {"android.permission.CAMERA"},
-                                                  &granted));
-  EXPECT_FALSE(old_proxy->queryInfo(1, 10123, {"app.name.package"}, &answers));
-  EXPECT_FALSE(old_proxy->updatePrivacyOperation("op", 1, 10123, false, &result));
-  EXPECT_FALSE(old_proxy->getAPIInfo(&infos));
-  EXPECT_FALSE(old_proxy->setPermissionChangeCallback(nullptr));
-  Notice notice;
-  EXPECT_FALSE(
-      lumosys::linkToDeath(old_proxy, lumosys::newDeathRecipient(&record_notice), &notice));
+  // Proxies of the dead incarnation fail every call, the new one's succeed.
+  EXPECT_EQ(outcomes(*service), "00000");
+  EXPECT_FALSE(lumosys::linkToDeath(service, lumosys::newDeathRecipient(&record_notice), &notices[0]));
   EXPECT_TRUE(host::privacy_log().empty());
-
-  EXPECT_TRUE(fresh->queryInfo(1, 10123, {"app.name.package"}, &answers));
-  EXPECT_EQ(answers, std::vector<std::string>{"com.example.maps"});
-  host::reset();
-  EXPECT_FALSE(fresh->getAPIInfo(&infos));
+  EXPECT_EQ(outcomes(*fresh), "11111");
+  host::kill();  // the old links belonged to the first incarnation
+  std::this_thread::sleep_for(100ms);
+  for (Notice& notice : notices) {
+    std::lock_guard<std::mutex> lock(notice.mtx);
+    EXPECT_EQ(notice.count, 1);
+  }
+  host::start();
+  fresh = lumosys::getService(lumosys::kLumoSysInstance);
+  ASSERT_NE(fresh, nullptr);
+  host::reset();  // ends the live incarnation too
+  EXPECT_EQ(outcomes(*fresh), "00000");
 }
 
 // ---- permission changes -------------------------------------------------------
 
-class RecordingCallback : public lumosys::ILumoSysCallback {
- public:
-  struct Call {
-    int32_t pid;
-    int32_t uid;
-    std::string permission;
-    bool status;
-    std::thread::id thread;
-  };
-  bool onpermissionchanged(int32_t pid, int32_t uid, const std::string& permission,
-                           bool status) override {
-    std::lock_guard<std::mutex> lock(mtx_);
-    calls_.push_back(Call{pid, uid, permission, status, std::this_thread::get_id()});
-    return true;
-  }
-  std::vector<Call> calls() {
-    std::lock_guard<std::mutex> lock(mtx_);
-    return calls_;
-  }
-
- private:
-  std::mutex mtx_;
-  std::vector<Call> calls_;
-};
-
-TEST_F(HostSysTest, SetPermissionChangesGrantsAndCallsTheCallback) {
+TEST_F(HostSysTest, SetPermissionChangesGrantsAndTellsTheCallbackOfThisIncarnation) {
   auto service = load_and_connect();
+  auto replaced = std::make_shared<RecordingCallback>();
   auto callback = std::make_shared<RecordingCallback>();
+  ASSERT_TRUE(service->setPermissionChangeCallback(replaced));
   ASSERT_TRUE(service->setPermissionChangeCallback(callback));
-
-  struct Change {
-    int32_t pid;
-    int32_t uid;
-    const char* permission;
-    bool granted;
-  };
-  const Change changes[] = {
-      {4711, 10123, "android.permission.CAMERA", false},
-      {4711, 10123, "android.permission.RECORD_AUDIO", true},
-      {5000, 30001, "android.permission.CAMERA", true},  // an app the policy did not list
-  };
-  for (const Change& c : changes) {
-    ASSERT_TRUE(host::set_permission(c.pid, c.uid, c.permission, c.granted));
-  }
-  const auto calls = callback->calls();  // set_permission returned after each ran
-  ASSERT_EQ(calls.size(), 3u);
-  for (size_t i = 0; i < calls.size(); ++i) {
-    EXPECT_EQ(calls[i].pid, changes[i].pid);
-    EXPECT_EQ(calls[i].uid, changes[i].uid);
-    EXPECT_EQ(calls[i].permission, changes[i].permission);
-    EXPECT_EQ(calls[i].status, changes[i].granted);
-    EXPECT_NE(calls[i].thread, std::this_thread::get_id());
-  }
+  ASSERT_TRUE(host::set_permission(4711, 10123, kCamera, false));
+  ASSERT_TRUE(host::set_permission(4711, 10123, kAudio, true));
+  ASSERT_TRUE(host::set_permission(5000, 30001, kCamera, true));  // an app the policy did not list
+  // set_permission returned after each call ran.
+  EXPECT_EQ(callback->calls(), (std::vector<std::string>{"4711 10123 " + kCamera + " 0",
+                                                         "4711 10123 " + kAudio + " 1",
+                                                         "5000 30001 " + kCamera + " 1"}));
+  EXPECT_TRUE(callback->off_thread);
+  EXPECT_TRUE(replaced->calls().empty());
 
   std::vector<bool> granted;
-  ASSERT_TRUE(service->checkGrantedPermissions(
-      1, 10123, {"android.permission.CAMERA", "android.permission.RECORD_AUDIO"}, &granted));
+  ASSERT_TRUE(service->checkGrantedPermissions(1, 10123, {kCamera, kAudio}, &granted));
   EXPECT_EQ(granted, (std::vector<bool>{false, true}));
-  ASSERT_TRUE(service->checkGrantedPermissions(1, 30001, {"android.permission.CAMERA"}, &granted));
+  ASSERT_TRUE(service->checkGrantedPermissions(1, 30001, {kCamera}, &granted));
   EXPECT_EQ(granted, std::vector<bool>{true});
-}
-
-TEST_F(HostSysTest, CallbackIsReplacedByReRegistrationAndLostWithTheService) {
-  auto service = load_and_connect();
-  auto first = std::make_shared<RecordingCallback>();
-  auto second = std::make_shared<RecordingCallback>();
-  ASSERT_TRUE(service->setPermissionChangeCallback(first));
-  ASSERT_TRUE(service->setPermissionChangeCallback(second));
-  ASSERT_TRUE(host::set_permission(1, 10123, "android.permission.CAMERA", false));
-  EXPECT_TRUE(first->calls().empty());
-  EXPECT_EQ(second->calls().size(), 1u);
 
   host::kill();
-  EXPECT_FALSE(host::set_permission(1, 10123, "android.permission.CAMERA", true));
+  EXPECT_FALSE(host::set_permission(1, 10123, kCamera, true));
   host::start();
-  ASSERT_TRUE(host::set_permission(1, 10123, "android.permission.CAMERA", true));
-  EXPECT_EQ(second->calls().size(), 1u);  // the new incarnation has no callback yet
+  ASSERT_TRUE(host::set_permission(1, 10123, kCamera, true));
+  EXPECT_EQ(callback->calls().size(), 3u);  // the new incarnation has no callback yet
 }
 
 // ---- injected failures ----------------------------------------------------------
 
 TEST_F(HostSysTest, FailNextFailsExactlyThatManyCallsOfThatOperation) {
   auto service = load_and_connect();
-  host::fail_next("queryInfo", 2);
   host::fail_next("checkGrantedPermissions", 1);
-  std::vector<std::string> answers;
-  EXPECT_FALSE(service->queryInfo(1, 10123, {"app.name.package"}, &answers));
-  EXPECT_FALSE(service->queryInfo(1, 10123, {"app.name.package"}, &answers));
-  EXPECT_TRUE(service->queryInfo(1, 10123, {"app.name.package"}, &answers));
-
-  std::vector<bool> granted;
-  EXPECT_FALSE(service->checkGrantedPermissions(1, 10123, {"android.permission.CAMERA"}, &granted));
-  EXPECT_TRUE(service->checkGrantedPermissions(1, 10123, {"android.permission.CAMERA"}, &granted));
-  EXPECT_EQ(host::checkGrantedPermissions_calls(), 2);  // failed calls reached the service too
-
-  const struct {
-    const char* operation;
-  } others[] = {{"updatePrivacyOperation"}, {"getAPIInfo"}, {"setPermissionChangeCallback"}};
-  for (const auto& other : others) host::fail_next(other.operation, 1);
-  int32_t result = -1;
-  std::vector<lumosys::APIInfo> infos;
-  auto callback = std::make_shared<RecordingCallback>();
-  EXPECT_FALSE(service->updatePrivacyOperation("op", 1, 10123, false, &result));
-  EXPECT_FALSE(service->getAPIInfo(&infos));
-  EXPECT_FALSE(service->setPermissionChangeCallback(callback));
-  EXPECT_TRUE(service->updatePrivacyOperation("op", 1, 10123, false, &result));
-  EXPECT_TRUE(service->getAPIInfo(&infos));
-  EXPECT_TRUE(service->setPermissionChangeCallback(callback));
-  EXPECT_EQ(host::privacy_log().size(), 1u);  // the failed call was not recorded
-
+  host::fail_next("queryInfo", 2);
+  EXPECT_EQ(outcomes(*service), "00111");
+  EXPECT_EQ(outcomes(*service), "10111");
+  for (const char* op : {"updatePrivacyOperation", "getAPIInfo", "setPermissionChangeCallback"}) {
+    host::fail_next(op, 1);
+  }
+  EXPECT_EQ(outcomes(*service), "11000");
   host::fail_next("getAPIInfo", 3);
   host::fail_next("getAPIInfo", 0);  // withdrawn
-  EXPECT_TRUE(service->getAPIInfo(&infos));
+  EXPECT_EQ(outcomes(*service), "11111");
+  EXPECT_EQ(host::checkGrantedPermissions_calls(), 4);  // failed calls reached the service too
+  EXPECT_EQ(host::privacy_log().size(), 3u);            // the failed call was not recorded
 }
 
 // ---- concurrency ------------------------------------------------------------------
@@ -522,9 +352,9 @@ TEST_F(HostSysTest, CallsRaceKillsAndRestartsSafely) {
         auto service = lumosys::getService(lumosys::kLumoSysInstance);
         if (!service) continue;
         std::vector<bool> granted;
-        service->checkGrantedPermissions(1, 10123, {"android.permission.CAMERA"}, &granted);
+        service->checkGrantedPermissions(1, 10123, {kCamera}, &granted);
         service->setPermissionChangeCallback(callback);
-        host::set_permission(1, 10123, "android.permission.CAMERA", true);
+        host::set_permission(1, 10123, kCamera, true);
       }
     });
   }
@@ -536,8 +366,7 @@ TEST_F(HostSysTest, CallsRaceKillsAndRestartsSafely) {
   }
   // Let the callers reach at least one live incarnation before stopping them.
   const auto deadline = std::chrono::steady_clock::now() + 5s;
-  while (host::checkGrantedPermissions_calls() == 0 &&
-         std::chrono::steady_clock::now() < deadline) {
+  while (host::checkGrantedPermissions_calls() == 0 && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(1ms);
   }
   stop = true;

@@ -8,11 +8,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
 #include <future>
 #include <mutex>
 #include <string>
@@ -31,17 +33,28 @@ using namespace std::chrono_literals;
 using test::SdkChildProcess;
 using test::SdkFakeManager;
 using test::sdk_parse_json;
-using Kind = PluginError::Kind;
 
 const char kFine[] = "android.permission.ACCESS_FINE_LOCATION";
+const char kInitReply[] = R"({"req_type": "INIT", "service_id": 102} )";
+
+std::string task_text(uint32_t session, uint32_t transac, const std::string& opcode, uint32_t subsys,
+                      const std::string& func, const std::string& args = "[]") {
+  return R"({"session_id":)" + std::to_string(session) + R"(,"transac_id":)" +
+         std::to_string(transac) + R"(,"opcode":")" + opcode + R"(","subsys_id":)" +
+         std::to_string(subsys) + R"(,"func":{"name":")" + func + R"(","num_of_args":)" +
+         std::to_string(sdk_parse_json(args).size()) + R"(,"args":)" + args + "}}";
+}
+
+// The plugin's next message after the manager sends `text`.
+std::string answer_to(SdkFakeManager& fake, const std::string& text) {
+  EXPECT_TRUE(fake.send(text));
+  return fake.receive().value_or("<none>");
+}
 
 // ---- message texts --------------------------------------------------------
 
 TEST(SdkWire, RepairsOnlyACommaDirectlyAfterAnOpeningBracket) {
-  struct Case {
-    const char* in;
-    const char* out;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {R"({"opcodes": [,{"id": "0x2B"}]})", R"({"opcodes": [{"id": "0x2B"}]})"},
       {R"({"a": [ ,1]})", R"({"a": [ 1]})"},
       {R"({"a": [[,1],[2]]})", R"({"a": [[1],[2]]})"},
@@ -49,85 +62,73 @@ TEST(SdkWire, RepairsOnlyACommaDirectlyAfterAnOpeningBracket) {
       {R"({"a": "[,x"})", R"({"a": "[,x"})"},
       {R"({"a": "q\"[,", "b": [,3]})", R"({"a": "q\"[,", "b": [3]})"},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(wire::repair_empty_list_commas(c.in), c.out) << c.in;
-  }
+  for (const auto& [in, out] : cases) EXPECT_EQ(wire::repair_empty_list_commas(in), out) << in;
 }
 
-TEST(SdkWire, ClassifiesEveryKindOfManagerMessage) {
-  struct Case {
-    std::string text;
-    wire::Incoming kind;
-    std::string req_type;
-  } cases[] = {
-      {"PING ", wire::Incoming::Ping, ""},
-      {"1 ", wire::Incoming::Digit, ""},
-      {"0 ", wire::Incoming::Digit, ""},
-      {R"({"req_type": "INIT", "service_id": 102} )", wire::Incoming::Json, "INIT"},
-      {R"({"req_type": "start_session", "session_id": 3, "opcodes": [,{"id": "0x2B","subsystems": [{"id" :1}]}]})",
-       wire::Incoming::Json, "start_session"},
-      {R"({"req_type":"INFO_QUERY","QueryInfosRes":"SUCCESS:a","SUCCESS:b"} )",
-       wire::Incoming::Unreadable, "INFO_QUERY"},
-      {"[1,2]", wire::Incoming::Unreadable, ""},
-      {"{\"req_type\": \"INIT\"", wire::Incoming::Unreadable, "INIT"},
-      {"", wire::Incoming::Unreadable, ""},
-  };
-  for (const Case& c : cases) {
-    const wire::Classified got = wire::classify(c.text);
-    EXPECT_EQ(got.kind, c.kind) << c.text;
-    EXPECT_EQ(got.req_type, c.req_type) << c.text;
-  }
-  EXPECT_EQ(wire::classify("1 ").digit, 1);
-  EXPECT_EQ(wire::classify("0 ").digit, 0);
-}
-
+// The common forms are met over the socket below; these only here.
 TEST(SdkWire, ReadsQueryInfosResInEveryForm) {
-  struct Case {
+  const std::string head = R"({"req_type":"INFO_QUERY",)";
+  const struct {
     std::string reply;
     bool ok;
     std::vector<std::string> answers;
   } cases[] = {
-      {R"({"req_type":"INFO_QUERY","QueryInfosRes":"SUCCESS:com.example.maps","SUCCESS:10123"} )",
-       true, {"SUCCESS:com.example.maps", "SUCCESS:10123"}},
-      {R"({"req_type":"INFO_QUERY","QueryInfosRes":"SUCCESS:1"} )", true, {"SUCCESS:1"}},
-      {R"({"req_type":"INFO_QUERY","QueryInfosRes":"ERROR:Invalid session ID","ERROR:Invalid session ID","ERROR:Invalid session ID"} )",
-       true, {"ERROR:Invalid session ID", "ERROR:Invalid session ID", "ERROR:Invalid session ID"}},
-      {R"({"req_type":"INFO_QUERY","QueryInfosRes":"SUCCESS:a,b","","SUCCESS:"x""} )", true,
+      {head + R"("QueryInfosRes":"SUCCESS:a,b","","SUCCESS:"x""} )", true,
        {"SUCCESS:a,b", "", "SUCCESS:\"x\""}},
-      {R"({"req_type":"INFO_QUERY","QueryInfosRes":["SUCCESS:1","SUCCESS:2"]})", true,
-       {"SUCCESS:1", "SUCCESS:2"}},
-      {R"({"req_type":"INFO_QUERY","QueryInfosRes":} )", true, {}},
-      {R"({"req_type":"INFO_QUERY","status": -1} )", false, {}},
-      {R"({"req_type":"INFO_QUERY","QueryInfosRes":"SUCCESS:1)", false, {}},
-      {R"({"req_type":"INFO_QUERY","QueryInfosRes":5} )", false, {}},
+      {head + R"("QueryInfosRes":["SUCCESS:1","SUCCESS:2"]})", true, {"SUCCESS:1", "SUCCESS:2"}},
+      {head + R"("QueryInfosRes":} )", true, {}},
+      {head + R"("QueryInfosRes":"SUCCESS:1)", false, {}},
+      {head + R"("QueryInfosRes":5} )", false, {}},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     std::vector<std::string> got;
     std::string error;
     EXPECT_EQ(wire::parse_query_infos_res(c.reply, &got, &error), c.ok) << c.reply;
-    if (c.ok) {
-      EXPECT_EQ(got, c.answers) << c.reply;
-    } else {
-      EXPECT_FALSE(error.empty()) << c.reply;
-    }
+    EXPECT_EQ(got, c.answers) << c.reply;
+    EXPECT_EQ(error.empty(), c.ok) << c.reply;
   }
 }
 
-TEST(SdkWire, ApiDefinitionsAreCheckedAgainstTheirOpcode) {
-  const Json::Value calc = load_api_def(LUMOKIT_SOURCE_DIR "/examples/api/calculator.json");
-  std::string error;
-  EXPECT_TRUE(check_api_def(calc, 0x1001, &error)) << error;
-  EXPECT_FALSE(check_api_def(calc, 0x1002, &error));
-  EXPECT_NE(error.find("0x1002"), std::string::npos) << error;
-  EXPECT_EQ(api_def_subsystems(calc), std::vector<uint32_t>{1});
-  // The file may also hold the array itself.
-  EXPECT_FALSE(check_api_def(sdk_parse_json(R"([{"opcode":"4097","subsystems":[]}])"), 4097, &error));
-  EXPECT_FALSE(check_api_def(sdk_parse_json(R"([{"opcode":"0x1001","subsystems":[{"id":-1}]}])"),
-                             0x1001, &error));
+TEST(SdkWire, ApiDefinitionsMustNameTheirOpcodeInHexWithUnsignedSubsystems) {
+  const std::pair<const char*, const char*> cases[] = {  // definition, part of the error
+      {R"([{"opcode":"0x1001","subsystems":[{"id":1},{"id":2}]}])", ""},
+      {R"([{"opcode":"0x1002","subsystems":[{"id":1}]}])", "0x1002"},
+      {R"([{"opcode":"4097","subsystems":[]}])", "opcode"},
+      {R"([{"opcode":"0x1001","subsystems":[{"id":-1}]}])", "subsystem"},
+      {R"({"opcode":"0x1001","subsystems":[]})", "array"},
+  };
+  for (const auto& [def, error_part] : cases) {
+    std::string error;
+    EXPECT_EQ(check_api_def(sdk_parse_json(def), 0x1001, &error), *error_part == '\0') << def;
+    EXPECT_NE(error.find(error_part), std::string::npos) << def << ": " << error;
+  }
   EXPECT_THROW(load_api_def("/nonexistent/api.json"), PluginError);
 }
 
 // ---- the SDK over a socket -------------------------------------------------
+
+// A synchronous call, giving what it returned ("=" and the value) or threw
+// ("!" and the error kind), so that one table can script calls of any type.
+using Call = std::function<std::string(Plugin&)>;
+std::string show(bool v) { return v ? "=true" : "=false"; }
+std::string show(int32_t v) { return "=" + std::to_string(v); }
+std::string show(const std::vector<bool>& v) {
+  std::string s = "=";
+  for (bool b : v) s += b ? '1' : '0';
+  return s;
+}
+std::string show(const std::vector<std::string>& v) {
+  std::string s = "=";
+  for (const std::string& item : v) s += item + "|";
+  return s;
+}
+std::string outcome(const Call& call, Plugin& plugin) {
+  try {
+    return call(plugin);
+  } catch (const PluginError& e) {
+    return std::string("!") + plugin_error_kind_name(e.kind());
+  }
+}
 
 class SdkLink : public ::testing::Test {
  protected:
@@ -136,318 +137,201 @@ class SdkLink : public ::testing::Test {
     options.reply_timeout = timeout;
     options.log = [this](const std::string& line) {
       std::lock_guard<std::mutex> lock(log_mtx_);
-      log_.push_back(line);
+      log_ += line + "\n";
     };
     plugin_ = std::make_unique<Plugin>(std::move(hooks), options);
     plugin_->connect(fake_.socket_path());
     ASSERT_TRUE(fake_.accept_plugin());
   }
 
-  // init() answered with service id 102.
-  void init() {
-    auto id = std::async(std::launch::async, [&] { return plugin_->init(); });
-    ASSERT_EQ(fake_.receive_json()["req_type"].asString(), "INIT");
-    ASSERT_TRUE(fake_.send(R"({"req_type": "INIT", "service_id": 102} )"));
-    ASSERT_EQ(id.get(), 102);
-  }
-
   bool logged(const std::string& text) {
     std::lock_guard<std::mutex> lock(log_mtx_);
-    for (const std::string& line : log_) {
-      if (line.find(text) != std::string::npos) return true;
+    return log_.find(text) != std::string::npos;
+  }
+
+  // Runs `call` while the manager takes `request` (none when empty) and
+  // answers `reply`.
+  std::string exchange(const Call& call, const std::string& request, const std::string& reply) {
+    auto result = std::async(std::launch::async, [&] { return outcome(call, *plugin_); });
+    if (!request.empty()) {
+      EXPECT_EQ(fake_.receive().value_or("<none>"), request);
+      EXPECT_TRUE(fake_.send(reply));
     }
-    return false;
+    return result.get();
   }
 
   SdkFakeManager fake_;
   std::mutex log_mtx_;
-  std::vector<std::string> log_;
+  std::string log_;
   std::unique_ptr<Plugin> plugin_;  // last: its threads log into log_ until it is gone
 };
 
-template <typename T>
-Kind error_kind(std::future<T>& result) {
-  try {
-    result.get();
-  } catch (const PluginError& e) {
-    return e.kind();
-  }
-  ADD_FAILURE() << "no PluginError";
-  return Kind::Io;
-}
-
-std::string task_text(uint32_t session, uint32_t transac, const std::string& opcode, uint32_t subsys,
-                      const std::string& func, const std::string& args) {
-  return R"({"session_id":)" + std::to_string(session) + R"(,"transac_id":)" +
-         std::to_string(transac) + R"(,"opcode":")" + opcode + R"(","subsys_id":)" +
-         std::to_string(subsys) + R"(,"func":{"name":")" + func + R"(","num_of_args":)" +
-         std::to_string(sdk_parse_json(args).size()) + R"(,"args":)" + args + "}}";
-}
-
-TEST_F(SdkLink, RegistersBecomesReadyAndLeavesWithTheExpectedMessages) {
+TEST_F(SdkLink, EachCallSendsItsRequestAndReadsEveryFormOfReply) {
   start();
-  init();
-  const Json::Value calc = load_api_def(LUMOKIT_SOURCE_DIR "/examples/api/calculator.json");
-
-  auto auth = std::async(std::launch::async, [&] { plugin_->register_auth(0x1001, calc, "00ff11"); });
-  const Json::Value auth_msg = fake_.receive_json();
-  EXPECT_EQ(auth_msg["req_type"].asString(), "AUTH");
-  EXPECT_TRUE(auth_msg["Opcode"].isString());
-  EXPECT_EQ(auth_msg["Opcode"].asString(), "4097");
-  EXPECT_TRUE(auth_msg["Service_Id"].isInt());
-  EXPECT_EQ(auth_msg["Service_Id"].asInt(), 102);
-  EXPECT_EQ(auth_msg["Token"].asString(), "00ff11");
-  EXPECT_EQ(auth_msg["api_def"], calc);
-  ASSERT_TRUE(fake_.send(R"({"req_type": "AUTH","opcode": "4097", "result": 0} )"));
-  auth.get();
-
-  const Json::Value loc = load_api_def(LUMOKIT_SOURCE_DIR "/examples/api/location.json");
-  auto regs = std::async(std::launch::async, [&] { plugin_->register_legacy(0x2002, loc); });
-  const Json::Value regs_msg = fake_.receive_json();
-  EXPECT_EQ(regs_msg["req_type"].asString(), "REGS");
-  EXPECT_EQ(regs_msg["Opcode"].asString(), "8194");
-  EXPECT_FALSE(regs_msg.isMember("Token"));
-  EXPECT_EQ(regs_msg["api_def"], loc);
-  ASSERT_TRUE(fake_.send(R"({"req_type": "REGS","opcode": "8194", "result": -1} )"));
-  EXPECT_EQ(error_kind(regs), Kind::Refused);
-
-  auto redy = std::async(std::launch::async, [&] { plugin_->ready(0x1001); });
-  const Json::Value redy_msg = fake_.receive_json();
-  EXPECT_EQ(redy_msg["req_type"].asString(), "REDY");
-  EXPECT_EQ(redy_msg["Service_Id"].asInt(), 102);
-  EXPECT_EQ(redy_msg["Opcode"].asString(), "4097");
-  ASSERT_TRUE(fake_.send(R"({"req_type": "REDY","opcode": "4097", "result": 0} )"));
-  redy.get();
-
-  auto dint = std::async(std::launch::async, [&] { return plugin_->deinit(); });
-  const Json::Value dint_msg = fake_.receive_json();
-  EXPECT_EQ(dint_msg["req_type"].asString(), "DINT");
-  EXPECT_EQ(dint_msg["Service_Id"].asInt(), 102);
-  ASSERT_TRUE(fake_.send("1 "));
+  const std::string def_text = R"([{"opcode":"0x1001","subsystems":[{"id":1}]}])";
+  const Json::Value def = sdk_parse_json(def_text);
+  const Call init = [](Plugin& p) { return show(p.init()); };
+  const Call service_id = [](Plugin& p) { return show(p.service_id()); };
+  const Call reconnect = [this](Plugin& p) { p.connect(fake_.socket_path()); return std::string("="); };
+  const auto auth = [def](uint32_t opcode, std::string token) -> Call {
+    return [=](Plugin& p) { p.register_auth(opcode, def, token); return std::string("="); };
+  };
+  const Call legacy = [def](Plugin& p) { p.register_legacy(0x1001, def); return std::string("="); };
+  const Call ready = [](Plugin& p) { p.ready(0x1001); return std::string("="); };
+  const auto perm = [](std::vector<std::string> names) -> Call {
+    return [=](Plugin& p) { return show(p.permission(7, names)); };
+  };
+  const auto info = [](std::vector<std::string> keys) -> Call {
+    return [=](Plugin& p) { return show(p.info_query(9, keys)); };
+  };
+  const Call deinit = [](Plugin& p) { return show(p.deinit()); };
+  const std::string init_req = R"({"req_type":"INIT"})";
+  const std::string perm_req = R"({"req_type":"PERMISSION","Session_Id":"7","Permissions":)";
+  const std::string perm_ok = R"({"req_type":"PERMISSION","status": 0,"PermRes":)";
+  const std::string info_req = R"({"req_type":"INFO_QUERY","Session_Id":"9","QueryInfos":)";
+  const std::string info_ok = R"({"req_type":"INFO_QUERY","QueryInfosRes":)";
+  const struct {
+    Call call;
+    std::string request;  // empty: refused locally, nothing sent
+    std::string reply;
+    std::string outcome;
+  } steps[] = {
+      {ready, "", "", "!state"},
+      {auth(0x1001, "00"), "", "", "!state"},
+      {init, init_req, R"({"req_type": "INIT", "service_id": -1} )", "!refused"},
+      {init, init_req, R"({"req_type": "INIT"} )", "!protocol"},
+      // Cut short: still routed to the caller, which fails without waiting.
+      {init, init_req, R"({"req_type": "INIT", "service_id": 1)", "!protocol"},
+      {service_id, "", "", "=-1"},
+      {init, init_req, kInitReply, "=102"},
+      {reconnect, "", "", "!state"},
+      {auth(0x1002, "00"), "", "", "!invalid"},
+      {auth(0x1001, ""), "", "", "!invalid"},
+      {auth(0x1001, "00ff11"),
+       R"({"req_type":"AUTH","Opcode":"4097","Service_Id":102,"Token":"00ff11","api_def":)" + def_text + "}",
+       R"({"req_type": "AUTH","opcode": "4097", "result": 0} )", "="},
+      {legacy, R"({"req_type":"REGS","Opcode":"4097","Service_Id":102,"api_def":)" + def_text + "}",
+       R"({"req_type": "REGS","opcode": "4097", "result": -1} )", "!refused"},
+      {ready, R"({"req_type":"REDY","Service_Id":102,"Opcode":"4097"})",
+       R"({"req_type": "REDY","opcode": "4097", "result": 0} )", "="},
+      {perm({"a", "b"}), perm_req + R"(["a","b"]})", perm_ok + R"(["1","0"]} )", "=10"},
+      {perm({}), perm_req + "[]}", perm_ok + R"(["1"]} )", "=1"},
+      {perm({"a"}), perm_req + R"(["a"]})", R"({"req_type":"PERMISSION","status": -1} )", "!refused"},
+      {perm({"a", "a"}), perm_req + R"(["a","a"]})", perm_ok + R"(["1"]} )", "!protocol"},
+      {info({"k", "l"}), info_req + R"(["k","l"]})", info_ok + R"("SUCCESS:com.example.maps","SUCCESS:10123"} )",
+       "=SUCCESS:com.example.maps|SUCCESS:10123|"},
+      {info({"k"}), info_req + R"(["k"]})", R"({"req_type":"INFO_QUERY","status": -1} )", "!refused"},
+      {info({"k", "l"}), info_req + R"(["k","l"]})", info_ok + R"("SUCCESS:1"} )", "!protocol"},
+      {deinit, R"({"req_type":"DINT","Service_Id":102})", "0 ", "=false"},
+      {init, init_req, R"({"req_type": "INIT", "service_id": 103} )", "=103"},
+      {deinit, R"({"req_type":"DINT","Service_Id":103})", "1 ", "=true"},
+  };
+  for (size_t i = 0; i < std::size(steps); ++i) {
+    EXPECT_EQ(exchange(steps[i].call, steps[i].request, steps[i].reply), steps[i].outcome) << "step " << i;
+  }
   fake_.close_plugin();
-  EXPECT_TRUE(dint.get());
   EXPECT_TRUE(plugin_->wait_closed(2s));
   EXPECT_FALSE(plugin_->connected());
 }
 
-TEST_F(SdkLink, ManagerRepliesDecideEachSynchronousResult) {
-  start();
-  init();
-  struct PermCase {
-    std::vector<std::string> perms;
-    std::string reply;
-    std::vector<bool> want;
-    bool fails;
-    Kind kind;
-  } perm_cases[] = {
-      {{kFine, "android.permission.CAMERA"}, R"({"req_type":"PERMISSION","status": 0,"PermRes":["1","0"]} )",
-       {true, false}, false, Kind::Io},
-      {{}, R"({"req_type":"PERMISSION","status": 0,"PermRes":["1"]} )", {true}, false, Kind::Io},
-      {{kFine}, R"({"req_type":"PERMISSION","status": -1} )", {}, true, Kind::Refused},
-      {{kFine, kFine}, R"({"req_type":"PERMISSION","status": 0,"PermRes":["1"]} )", {}, true,
-       Kind::Protocol},
-  };
-  for (const PermCase& c : perm_cases) {
-    auto got = std::async(std::launch::async, [&] { return plugin_->permission(7, c.perms); });
-    const Json::Value msg = fake_.receive_json();
-    EXPECT_EQ(msg["req_type"].asString(), "PERMISSION");
-    EXPECT_EQ(msg["Session_Id"], Json::Value("7"));
-    EXPECT_EQ(msg["Permissions"].size(), c.perms.size());
-    ASSERT_TRUE(fake_.send(c.reply));
-    if (c.fails) {
-      EXPECT_EQ(error_kind(got), c.kind) << c.reply;
-    } else {
-      EXPECT_EQ(got.get(), c.want) << c.reply;
-    }
-  }
-
-  struct InfoCase {
-    std::vector<std::string> keys;
-    std::string reply;
-    std::vector<std::string> want;
-    bool fails;
-    Kind kind;
-  } info_cases[] = {
-      {{"app.name.package", "app.id.uid"},
-       R"({"req_type":"INFO_QUERY","QueryInfosRes":"SUCCESS:com.example.maps","SUCCESS:10123"} )",
-       {"SUCCESS:com.example.maps", "SUCCESS:10123"}, false, Kind::Io},
-      {{"app.id.pid"}, R"({"req_type":"INFO_QUERY","QueryInfosRes":"SUCCESS:4711"} )",
-       {"SUCCESS:4711"}, false, Kind::Io},
-      {{"app.id.pid"}, R"({"req_type":"INFO_QUERY","status": -1} )", {}, true, Kind::Refused},
-      {{"a", "b"}, R"({"req_type":"INFO_QUERY","QueryInfosRes":"SUCCESS:1"} )", {}, true,
-       Kind::Protocol},
-  };
-  for (const InfoCase& c : info_cases) {
-    auto got = std::async(std::launch::async, [&] { return plugin_->info_query(9, c.keys); });
-    const Json::Value msg = fake_.receive_json();
-    EXPECT_EQ(msg["req_type"].asString(), "INFO_QUERY");
-    EXPECT_EQ(msg["Session_Id"], Json::Value("9"));
-    EXPECT_EQ(msg["QueryInfos"].size(), c.keys.size());
-    ASSERT_TRUE(fake_.send(c.reply));
-    if (c.fails) {
-      EXPECT_EQ(error_kind(got), c.kind) << c.reply;
-    } else {
-      EXPECT_EQ(got.get(), c.want) << c.reply;
-    }
-  }
-
-  auto dint = std::async(std::launch::async, [&] { return plugin_->deinit(); });
-  ASSERT_EQ(fake_.receive_json()["req_type"].asString(), "DINT");
-  ASSERT_TRUE(fake_.send("0 "));
-  EXPECT_FALSE(dint.get());
-}
-
-TEST_F(SdkLink, InitAnswersOtherThanAnIdAreErrors) {
-  start();
-  struct Case {
-    std::string reply;
-    Kind kind;
-  } cases[] = {
-      {R"({"req_type": "INIT", "service_id": -1} )", Kind::Refused},
-      {R"({"req_type": "INIT"} )", Kind::Protocol},
-      // Cut short: still routed to the caller, which fails without waiting.
-      {R"({"req_type": "INIT", "service_id": 1)", Kind::Protocol},
-  };
-  for (const Case& c : cases) {
-    auto id = std::async(std::launch::async, [&] { return plugin_->init(); });
-    ASSERT_EQ(fake_.receive_json()["req_type"].asString(), "INIT");
-    ASSERT_TRUE(fake_.send(c.reply));
-    EXPECT_EQ(error_kind(id), c.kind) << c.reply;
-  }
-  EXPECT_EQ(plugin_->service_id(), -1);
-  // Without an id nothing is registered, and nothing is sent.
-  EXPECT_THROW(plugin_->ready(0x1001), PluginError);
-  EXPECT_FALSE(fake_.receive(200ms).has_value());
-}
-
-TEST_F(SdkLink, AnswersSessionStartsIncludingTheLeadingCommaForm) {
-  start();
-  struct Case {
-    std::string notice;
-    std::string answer;
-  } cases[] = {
-      {R"({"req_type": "start_session", "session_id": 7, "opcodes": [{"id": "0x1A","subsystems": [{"id" :1},{"id" :2}]},{"id": "0x2B","subsystems": [{"id" :1}]}]})",
-       R"({"req_type":"start_session","Result":"Success","session_id":7,"opcodes":[{"id":"0x1A","subsystems":[{"id":1},{"id":2}]},{"id":"0x2B","subsystems":[{"id":1}]}]})"},
-      {R"({"req_type": "start_session", "session_id": 8, "opcodes": [,{"id": "0x2B","subsystems": [{"id" :1}]}]})",
-       R"({"req_type":"start_session","Result":"Success","session_id":8,"opcodes":[{"id":"0x2B","subsystems":[{"id":1}]}]})"},
-      {R"({"req_type": "start_session", "session_id": 3, "opcodes": []})",
-       R"({"req_type":"start_session","Result":"Failure","session_id":3})"},
-      {R"({"req_type": "start_session", "session_id": 4, "opcodes": [{"id": "zz","subsystems": []}]})",
-       R"({"req_type":"start_session","Result":"Failure","session_id":4})"},
-  };
-  for (const Case& c : cases) {
-    ASSERT_TRUE(fake_.send(c.notice));
-    EXPECT_EQ(fake_.receive().value_or("<none>"), c.answer) << c.notice;
-  }
-}
-
-TEST_F(SdkLink, SessionHooksNarrowRefuseAndSeeEnds) {
-  std::atomic<uint32_t> ended{0};
+// Notices reach their hooks in order; session starts are answered as the
+// hook decides and ends always acknowledged.
+TEST_F(SdkLink, NoticesReachTheirHooks) {
+  std::mutex mtx;
+  std::vector<std::string> seen;  // permission changes and session ends
   PluginHooks hooks;
+  hooks.on_permission_change = [&](const PermissionChange& c) {
+    std::lock_guard<std::mutex> lock(mtx);
+    seen.push_back(std::to_string(c.opcode) + " " + std::to_string(c.subsystem) + " " +
+                   std::to_string(c.session_id) + " " + c.permission + " " + std::to_string(c.granted));
+  };
   hooks.on_session_start = [](const SessionStart& start, std::vector<OpcodeSubsystem>* accepted) {
     if (start.session_id == 8) return false;
     if (start.session_id == 9) throw std::runtime_error("no capacity");
-    accepted->erase(accepted->begin() + 1);      // drop (0x1A, 2)
-    accepted->push_back({0x7777, 1});            // never requested: not answered
+    if (start.session_id == 7) {
+      accepted->erase(accepted->begin() + 1);  // drop (0x1A, 2)
+      accepted->push_back({0x7777, 1});        // never requested: not answered
+    }
     return true;
   };
-  hooks.on_session_end = [&](uint32_t session) { ended = session; };
+  hooks.on_session_end = [&](uint32_t session) {
+    std::lock_guard<std::mutex> lock(mtx);
+    seen.push_back("end " + std::to_string(session));
+  };
   start(hooks);
+  const std::string notice = R"({"req_type": "start_session", "session_id": )";
   const std::string pairs =
-      R"("opcodes": [{"id": "0x1A","subsystems": [{"id" :1},{"id" :2}]},{"id": "0x2B","subsystems": [{"id" :1}]}]})";
-  ASSERT_TRUE(fake_.send(R"({"req_type": "start_session", "session_id": 7, )" + pairs));
-  EXPECT_EQ(fake_.receive().value_or(""),
-            R"({"req_type":"start_session","Result":"Success","session_id":7,"opcodes":[{"id":"0x1A","subsystems":[{"id":1}]},{"id":"0x2B","subsystems":[{"id":1}]}]})");
-  for (int session : {8, 9}) {
-    ASSERT_TRUE(fake_.send(R"({"req_type": "start_session", "session_id": )" +
-                           std::to_string(session) + ", " + pairs));
-    const Json::Value answer = sdk_parse_json(fake_.receive().value_or(""));
-    EXPECT_EQ(answer["Result"].asString(), "Failure");
-    EXPECT_EQ(answer["session_id"].asInt(), session);
-  }
-  ASSERT_TRUE(fake_.send(R"({"req_type":"end_session","session_id": 42})"));
-  EXPECT_EQ(fake_.receive().value_or(""), R"({"req_type":"end_session","Result":"Success"})");
-  EXPECT_EQ(ended.load(), 42u);  // the hook ran before the acknowledgement
+      R"(, "opcodes": [{"id": "0x1A","subsystems": [{"id" :1},{"id" :2}]},{"id": "0x2B","subsystems": [{"id" :1}]}]})";
+  const std::string success = R"({"req_type":"start_session","Result":"Success","session_id":)";
+  const std::string failure = R"({"req_type":"start_session","Result":"Failure","session_id":)";
+  const std::pair<std::string, std::string> cases[] = {
+      {notice + "6" + pairs,
+       success + R"(6,"opcodes":[{"id":"0x1A","subsystems":[{"id":1},{"id":2}]},{"id":"0x2B","subsystems":[{"id":1}]}]})"},
+      {notice + "7" + pairs,
+       success + R"(7,"opcodes":[{"id":"0x1A","subsystems":[{"id":1}]},{"id":"0x2B","subsystems":[{"id":1}]}]})"},
+      {notice + "8" + pairs, failure + "8}"},
+      {notice + "9" + pairs, failure + "9}"},
+      {notice + R"(5, "opcodes": [,{"id": "0x2B","subsystems": [{"id" :1}]}]})",
+       success + R"(5,"opcodes":[{"id":"0x2B","subsystems":[{"id":1}]}]})"},
+      {notice + R"(3, "opcodes": []})", failure + "3}"},
+      {notice + R"(4, "opcodes": [{"id": "zz","subsystems": []}]})", failure + "4}"},
+      {R"({"req_type":"end_session","session_id": 42})", R"({"req_type":"end_session","Result":"Success"})"},
+  };
+  const std::string change = R"({"req_type":"permission_change", "opcode":"8194", "ss_id":"3", "session_id":"7", "permission":"p.A", "status":")";
+  for (const char* status : {"0", "maybe", "1"}) ASSERT_TRUE(fake_.send(change + status + R"("})"));
+  for (const auto& [in, out] : cases) EXPECT_EQ(answer_to(fake_, in), out) << in;
+  std::lock_guard<std::mutex> lock(mtx);  // the end hook ran before the acknowledgement
+  EXPECT_EQ(seen, (std::vector<std::string>{"8194 3 7 p.A 0", "8194 3 7 p.A 1", "end 42"}));
+  EXPECT_TRUE(logged("malformed permission_change"));
 }
 
-TEST_F(SdkLink, TasksReachTheHandlerAndAnswersCarryTheirIds) {
+TEST_F(SdkLink, TasksReachTheHandlerAndAnswersCarryTheirIdsWithinTheSizeLimit) {
   PluginHooks hooks;
   hooks.on_task = [](const TaskRequest& task) -> Json::Value {
     if (task.function == "boom") throw std::runtime_error("boom failed");
     Json::Value result;
-    result["opcode"] = task.opcode_text;
-    result["op"] = task.opcode;
-    result["subsys_id"] = task.subsystem;
-    result["name"] = task.function;
-    result["nargs"] = task.args.size();
+    if (task.function == "big") {
+      result["return"] = std::string(task.transac_id * 1000, 'x');
+      return result;
+    }
+    result["seen"] = task.opcode_text + " " + std::to_string(task.opcode) + " " +
+                     std::to_string(task.subsystem) + " " + task.function + " " +
+                     std::to_string(task.args.size());
     result["session_id"] = 999;  // the SDK keeps the task's own
-    result["status"] = 0;
     return result;
   };
   start(hooks);
-  ASSERT_TRUE(fake_.send(task_text(5, 11, "0x1001", 1, "add",
-                                   R"([{"type":"int","value":3},{"type":"int","value":4}])")));
-  Json::Value answer = fake_.receive_json();
-  EXPECT_EQ(answer["req_type"].asString(), "exec_task");
-  EXPECT_EQ(answer["session_id"].asUInt(), 5u);
-  EXPECT_EQ(answer["transac_id"].asUInt(), 11u);
-  EXPECT_EQ(answer["opcode"].asString(), "0x1001");
-  EXPECT_EQ(answer["op"].asUInt(), 0x1001u);
-  EXPECT_EQ(answer["subsys_id"].asUInt(), 1u);
-  EXPECT_EQ(answer["name"].asString(), "add");
-  EXPECT_EQ(answer["nargs"].asUInt(), 2u);
-
-  ASSERT_TRUE(fake_.send(task_text(5, 12, "0x1001", 1, "boom", "[]")));
-  answer = fake_.receive_json();
-  EXPECT_EQ(answer["transac_id"].asUInt(), 12u);
-  EXPECT_EQ(answer["status"].asInt(), -1);
-  EXPECT_EQ(answer["error"].asString(), "boom failed");
-
+  EXPECT_EQ(sdk_parse_json(answer_to(fake_, task_text(5, 11, "0x1001", 1, "add", R"([{"type":"int","value":3},{"type":"int","value":4}])"))),
+            sdk_parse_json(R"({"req_type":"exec_task","session_id":5,"transac_id":11,"seen":"0x1001 4097 1 add 2"})"));
+  // The SDK's own error answers: status -1 with the text.
+  const auto error_of = [this](const std::string& task) {
+    const Json::Value answer = sdk_parse_json(answer_to(fake_, task));
+    EXPECT_EQ(answer["transac_id"], sdk_parse_json(task)["transac_id"]) << task;
+    EXPECT_EQ(answer["status"], -1) << task;
+    return answer["error"].asString();
+  };
+  EXPECT_EQ(error_of(task_text(5, 12, "0x1001", 1, "boom")), "boom failed");
   // Malformed: answered with an error when its ids are usable, else dropped.
-  ASSERT_TRUE(fake_.send(R"({"session_id":5,"transac_id":13,"opcode":"0x1001","subsys_id":1,"func":{"args":[]}})"));
-  answer = fake_.receive_json();
-  EXPECT_EQ(answer["transac_id"].asUInt(), 13u);
-  EXPECT_EQ(answer["status"].asInt(), -1);
-  EXPECT_NE(answer["error"].asString().find("malformed"), std::string::npos);
+  EXPECT_NE(error_of(R"({"session_id":5,"transac_id":13,"opcode":"0x1001","subsys_id":1,"func":{"args":[]}})")
+                .find("malformed"), std::string::npos);
   ASSERT_TRUE(fake_.send(R"({"session_id":5,"transac_id":"x","func":{}})"));
-  ASSERT_TRUE(fake_.send(task_text(5, 14, "0x1001", 1, "add", "[]")));
-  EXPECT_EQ(fake_.receive_json()["transac_id"].asUInt(), 14u);
+  EXPECT_EQ(sdk_parse_json(answer_to(fake_, task_text(5, 14, "0x1001", 1, "add")))["transac_id"], 14);
+  // 200,000 characters: more than the manager reads before a session start.
+  const std::string big = task_text(1, 200, "0x1001", 1, "big");
+  EXPECT_NE(error_of(big).find("102400"), std::string::npos);
+  EXPECT_EQ(sdk_parse_json(answer_to(fake_, R"({"req_type": "start_session", "session_id": 1, "opcodes": [{"id": "0x1001","subsystems": [{"id" :1}]}]})"))["Result"],
+            "Success");
+  EXPECT_EQ(sdk_parse_json(answer_to(fake_, big))["return"].asString().size(), 200000u);
+  EXPECT_NE(error_of(task_text(1, 600, "0x1001", 1, "big")).find("524288"), std::string::npos);
 }
 
-TEST_F(SdkLink, SynchronousCallCompletesWhileTasksProbesAndNoticesArrive) {
-  PluginHooks hooks;
-  hooks.on_task = [](const TaskRequest& task) {
-    Json::Value result;
-    result["name"] = task.function;
-    return result;
-  };
-  start(hooks);
-  auto perms = std::async(std::launch::async, [&] {
-    return plugin_->permission(7, {kFine, "android.permission.CAMERA"});
-  });
-  const Json::Value request = fake_.receive_json();
-  ASSERT_EQ(request["req_type"].asString(), "PERMISSION");
-  // Before the reply: a probe, a task and a session start.
-  ASSERT_TRUE(fake_.send("PING "));
-  ASSERT_TRUE(fake_.send(task_text(7, 21, "0x2002", 3, "getLocation", "[]")));
-  ASSERT_TRUE(fake_.send(
-      R"({"req_type": "start_session", "session_id": 8, "opcodes": [{"id": "0x2002","subsystems": [{"id" :3}]}]})"));
-  ASSERT_TRUE(fake_.send(R"({"req_type":"PERMISSION","status": 0,"PermRes":["1","0"]} )"));
-  EXPECT_EQ(perms.get(), (std::vector<bool>{true, false}));
-  // The probe got no answer: the next two messages answer the task and the notice.
-  const Json::Value task_answer = fake_.receive_json();
-  EXPECT_EQ(task_answer["req_type"].asString(), "exec_task");
-  EXPECT_EQ(task_answer["transac_id"].asUInt(), 21u);
-  const Json::Value start_answer = fake_.receive_json();
-  EXPECT_EQ(start_answer["req_type"].asString(), "start_session");
-  EXPECT_EQ(start_answer["Result"].asString(), "Success");
-  EXPECT_FALSE(fake_.receive(200ms).has_value());
-}
-
-TEST_F(SdkLink, TaskHandlerMayAskTheManagerBeforeAnswering) {
+// Hooks run one at a time in arrival order; one of them waits on the manager
+// while a probe, a task and a session start arrive before its replies.
+TEST_F(SdkLink, HookMayCallTheManagerWhileOtherMessagesArrive) {
   PluginHooks hooks;
   hooks.on_task = [this](const TaskRequest& task) {
-    Json::Value result;
+    Json::Value result(Json::objectValue);
+    if (task.function != "ask") return result;
     const std::vector<std::string> info =
         plugin_->info_query(task.session_id, {"app.name.package", "app.id.uid"});
     std::string package;
@@ -458,143 +342,64 @@ TEST_F(SdkLink, TaskHandlerMayAskTheManagerBeforeAnswering) {
     return result;
   };
   start(hooks);
-  ASSERT_TRUE(fake_.send(task_text(6, 31, "0x2002", 3, "getLocation", "[]")));
-  const Json::Value query = fake_.receive_json();
-  ASSERT_EQ(query["req_type"].asString(), "INFO_QUERY");
-  EXPECT_EQ(query["Session_Id"].asString(), "6");
-  ASSERT_TRUE(fake_.send(
-      R"({"req_type":"INFO_QUERY","QueryInfosRes":"SUCCESS:com.example.maps","ERROR:Query failed"} )"));
-  ASSERT_EQ(fake_.receive_json()["req_type"].asString(), "PERMISSION");
-  ASSERT_TRUE(fake_.send(R"({"req_type":"PERMISSION","status": 0,"PermRes":["1"]} )"));
-  const Json::Value answer = fake_.receive_json();
-  EXPECT_EQ(answer["transac_id"].asUInt(), 31u);
-  EXPECT_TRUE(answer["known"].asBool());
-  EXPECT_EQ(answer["package"].asString(), "com.example.maps");
-  EXPECT_EQ(answer["uid"].asString(), "ERROR:Query failed");
-  EXPECT_TRUE(answer["granted"].asBool());
+  EXPECT_EQ(answer_to(fake_, task_text(6, 31, "0x2002", 3, "ask")),
+            R"({"req_type":"INFO_QUERY","Session_Id":"6","QueryInfos":["app.name.package","app.id.uid"]})");
+  for (const std::string& text :
+       {std::string("PING "), task_text(6, 32, "0x2002", 3, "plain"),
+        std::string(R"({"req_type": "start_session", "session_id": 8, "opcodes": [{"id": "0x2002","subsystems": [{"id" :3}]}]})")}) {
+    ASSERT_TRUE(fake_.send(text));
+  }
+  EXPECT_FALSE(fake_.receive(200ms).has_value()) << "answered before the hook ended";
+  EXPECT_EQ(sdk_parse_json(answer_to(fake_, R"({"req_type":"INFO_QUERY","QueryInfosRes":"SUCCESS:com.example.maps","ERROR:Query failed"} )")),
+            sdk_parse_json(R"({"req_type":"PERMISSION","Session_Id":"6","Permissions":[")" + std::string(kFine) + R"("]})"));
+  EXPECT_EQ(sdk_parse_json(answer_to(fake_, R"({"req_type":"PERMISSION","status": 0,"PermRes":["1"]} )")),
+            sdk_parse_json(R"({"req_type":"exec_task","session_id":6,"transac_id":31,"known":true,)"
+                           R"("package":"com.example.maps","uid":"ERROR:Query failed","granted":true})"));
+  EXPECT_EQ(fake_.receive_json()["transac_id"], 32);
+  EXPECT_EQ(fake_.receive_json()["req_type"], "start_session");
+  EXPECT_FALSE(fake_.receive(200ms).has_value()) << "the probe is not answered";
 }
 
 TEST_F(SdkLink, TimedOutCallFailsAndItsLateReplyIsNotTakenForTheNext) {
   start({}, 300ms);
+  const Call ask = [](Plugin& p) { return show(p.permission(7, {"a"})); };
+  const std::string request = R"({"req_type":"PERMISSION","Session_Id":"7","Permissions":["a"]})";
   const auto begin = std::chrono::steady_clock::now();
-  auto first = std::async(std::launch::async, [&] { return plugin_->permission(7, {kFine}); });
-  ASSERT_EQ(fake_.receive_json()["req_type"].asString(), "PERMISSION");
-  EXPECT_EQ(error_kind(first), Kind::Timeout);
+  EXPECT_EQ(outcome(ask, *plugin_), "!timeout");
   const auto waited = std::chrono::steady_clock::now() - begin;
   EXPECT_GE(waited, 250ms);
   EXPECT_LT(waited, 3s);
-
+  EXPECT_EQ(fake_.receive().value_or(""), request);
   ASSERT_TRUE(fake_.send(R"({"req_type":"PERMISSION","status": 0,"PermRes":["0"]} )"));  // late
-  auto second = std::async(std::launch::async, [&] { return plugin_->permission(7, {kFine}); });
-  ASSERT_EQ(fake_.receive_json()["req_type"].asString(), "PERMISSION");
-  ASSERT_TRUE(fake_.send(R"({"req_type":"PERMISSION","status": 0,"PermRes":["1"]} )"));
-  EXPECT_EQ(second.get(), std::vector<bool>{true});
+  EXPECT_EQ(exchange(ask, request, R"({"req_type":"PERMISSION","status": 0,"PermRes":["1"]} )"), "=1");
 }
 
 TEST_F(SdkLink, CallsFailPromptlyWhenTheManagerGoesAway) {
   start();
-  auto pending = std::async(std::launch::async, [&] { return plugin_->info_query(7, {"app.id.pid"}); });
-  ASSERT_EQ(fake_.receive_json()["req_type"].asString(), "INFO_QUERY");
+  auto pending = std::async(std::launch::async, [&] {
+    return outcome([](Plugin& p) { return show(p.info_query(7, {"app.id.pid"})); }, *plugin_);
+  });
+  ASSERT_EQ(fake_.receive_json()["req_type"], "INFO_QUERY");
   const auto begin = std::chrono::steady_clock::now();
   fake_.close_plugin();
-  EXPECT_EQ(error_kind(pending), Kind::Disconnected);
+  EXPECT_EQ(pending.get(), "!disconnected");
   EXPECT_LT(std::chrono::steady_clock::now() - begin, 2s);
   EXPECT_TRUE(plugin_->wait_closed(2s));
   EXPECT_FALSE(plugin_->connected());
-  auto later = std::async(std::launch::async, [&] { return plugin_->init(); });
-  EXPECT_EQ(error_kind(later), Kind::Disconnected);
+  EXPECT_EQ(outcome([](Plugin& p) { return show(p.init()); }, *plugin_), "!disconnected");
   EXPECT_TRUE(logged("the manager closed the connection"));
 }
 
-TEST_F(SdkLink, BadLocalRequestsAreRefusedWithoutSendingAnything) {
+TEST(SdkConnect, ConnectsToALocalSocketOrAdoptsAConnectedSequencedPacketPair) {
+  SdkFakeManager fake;
   Plugin unconnected;
   try {
-    unconnected.connect(fake_.socket_path() + ".missing");
+    unconnected.connect(fake.socket_path() + ".missing");
     ADD_FAILURE() << "connected to a missing socket";
   } catch (const PluginError& e) {
-    EXPECT_EQ(e.kind(), Kind::Io);
+    EXPECT_EQ(e.kind(), PluginError::Kind::Io);
     EXPECT_NE(std::string(e.what()).find(".missing"), std::string::npos);
   }
-  start();
-  const Json::Value calc = load_api_def(LUMOKIT_SOURCE_DIR "/examples/api/calculator.json");
-  try {
-    plugin_->register_auth(0x1001, calc, "00");
-    ADD_FAILURE() << "registered before init";
-  } catch (const PluginError& e) {
-    EXPECT_EQ(e.kind(), Kind::State);
-  }
-  init();
-  struct Case {
-    uint32_t opcode;
-    std::string token;
-  } cases[] = {{0x1002, "00"}, {0x1001, ""}};
-  for (const Case& c : cases) {
-    try {
-      plugin_->register_auth(c.opcode, calc, c.token);
-      ADD_FAILURE() << "accepted opcode " << c.opcode << " token '" << c.token << "'";
-    } catch (const PluginError& e) {
-      EXPECT_EQ(e.kind(), Kind::Invalid);
-    }
-  }
-  EXPECT_THROW(plugin_->connect(fake_.socket_path()), PluginError);
-  EXPECT_FALSE(fake_.receive(200ms).has_value());
-}
-
-TEST_F(SdkLink, AnswersGrowToTheManagersLargerLimitAfterTheFirstSessionStart) {
-  PluginHooks hooks;
-  hooks.on_task = [](const TaskRequest& task) {
-    Json::Value result;
-    result["return"] = std::string(task.transac_id * 1000, 'x');
-    return result;
-  };
-  start(hooks);
-  // 200,000 characters: more than the manager reads before a session start.
-  ASSERT_TRUE(fake_.send(task_text(1, 200, "0x1001", 1, "big", "[]")));
-  Json::Value answer = fake_.receive_json();
-  EXPECT_EQ(answer["status"].asInt(), -1);
-  EXPECT_NE(answer["error"].asString().find("102400"), std::string::npos);
-
-  ASSERT_TRUE(fake_.send(
-      R"({"req_type": "start_session", "session_id": 1, "opcodes": [{"id": "0x1001","subsystems": [{"id" :1}]}]})"));
-  ASSERT_EQ(fake_.receive_json()["Result"].asString(), "Success");
-  ASSERT_TRUE(fake_.send(task_text(1, 200, "0x1001", 1, "big", "[]")));
-  answer = fake_.receive_json();
-  EXPECT_EQ(answer["return"].asString().size(), 200000u);
-  ASSERT_TRUE(fake_.send(task_text(1, 600, "0x1001", 1, "big", "[]")));
-  answer = fake_.receive_json();
-  EXPECT_EQ(answer["transac_id"].asUInt(), 600u);
-  EXPECT_NE(answer["error"].asString().find("524288"), std::string::npos);
-}
-
-TEST_F(SdkLink, PermissionChangesReachTheHookAndMalformedOnesDoNot) {
-  std::mutex mtx;
-  std::vector<PermissionChange> seen;
-  std::promise<void> two;
-  PluginHooks hooks;
-  hooks.on_permission_change = [&](const PermissionChange& change) {
-    std::lock_guard<std::mutex> lock(mtx);
-    seen.push_back(change);
-    if (seen.size() == 2) two.set_value();
-  };
-  start(hooks);
-  const std::string head = R"({"req_type":"permission_change", "opcode":"8194", "ss_id":"3", "session_id":"7", "permission":")";
-  ASSERT_TRUE(fake_.send(head + kFine + R"(", "status":"0"})"));
-  ASSERT_TRUE(fake_.send(head + kFine + R"(", "status":"maybe"})"));
-  ASSERT_TRUE(fake_.send(head + "android.permission.CAMERA" + R"(", "status":"1"})"));
-  ASSERT_EQ(two.get_future().wait_for(5s), std::future_status::ready);
-  std::lock_guard<std::mutex> lock(mtx);
-  ASSERT_EQ(seen.size(), 2u);
-  EXPECT_EQ(seen[0].opcode, 0x2002u);
-  EXPECT_EQ(seen[0].subsystem, 3u);
-  EXPECT_EQ(seen[0].session_id, 7u);
-  EXPECT_EQ(seen[0].permission, kFine);
-  EXPECT_FALSE(seen[0].granted);
-  EXPECT_EQ(seen[1].permission, "android.permission.CAMERA");
-  EXPECT_TRUE(seen[1].granted);
-  EXPECT_TRUE(logged("malformed permission_change"));
-}
-
-TEST_F(SdkLink, AdoptsAConnectedSocketPair) {
   int fds[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, fds), 0);
   Plugin plugin;
@@ -603,7 +408,7 @@ TEST_F(SdkLink, AdoptsAConnectedSocketPair) {
   char buffer[256];
   const ssize_t n = recv(fds[1], buffer, sizeof buffer, 0);
   ASSERT_GT(n, 0);
-  EXPECT_EQ(sdk_parse_json(std::string(buffer, n))["req_type"].asString(), "INIT");
+  EXPECT_EQ(std::string(buffer, n), R"({"req_type":"INIT"})");
   const std::string reply = R"({"req_type": "INIT", "service_id": 103} )";
   ASSERT_EQ(send(fds[1], reply.data(), reply.size(), 0), static_cast<ssize_t>(reply.size()));
   EXPECT_EQ(id.get(), 103);
@@ -621,178 +426,113 @@ TEST_F(SdkLink, AdoptsAConnectedSocketPair) {
 
 const std::string kExample = std::string(LUMOKIT_BIN_DIR) + "/lumokit-example-plugin";
 
-std::string location_task(uint32_t session, uint32_t transac) {
-  return task_text(session, transac, "0x2002", 3, "getLocation", "[]");
-}
-
-// INIT, the two registrations and the two REDY messages of the example.
-void answer_registration(SdkFakeManager& fake, const char* kind, std::vector<Json::Value>* regs) {
-  ASSERT_TRUE(fake.accept_plugin());
-  ASSERT_EQ(fake.receive_json()["req_type"].asString(), "INIT");
-  ASSERT_TRUE(fake.send(R"({"req_type": "INIT", "service_id": 102} )"));
-  for (int i = 0; i < 2; ++i) {
-    const Json::Value msg = fake.receive_json();
-    ASSERT_EQ(msg["req_type"].asString(), kind);
-    regs->push_back(msg);
-    ASSERT_TRUE(fake.send(std::string(R"({"req_type": ")") + kind + R"(","opcode": ")" +
-                          msg["Opcode"].asString() + R"(", "result": 0} )"));
+// Token files in a fresh folder: one per service, and one more that
+// overrides the folder's for the location service.
+class SdkExamplePlugin : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char dir[] = "/tmp/lumokit-sdk-tokens-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    dir_ = dir;
+    std::ofstream(dir_ + "/calculator.token") << "00aa11\n";
+    std::ofstream(dir_ + "/location.token") << "ffff\n";
+    std::ofstream(dir_ + "/override.token") << "  0123\n4567 \n";
   }
-  for (const char* opcode : {"4097", "8194"}) {
-    const Json::Value msg = fake.receive_json();
-    ASSERT_EQ(msg["req_type"].asString(), "REDY");
-    ASSERT_EQ(msg["Opcode"].asString(), opcode);
-    ASSERT_TRUE(fake.send(std::string(R"({"req_type": "REDY","opcode": ")") + opcode +
-                          R"(", "result": 0} )"));
-  }
-}
+  void TearDown() override { std::filesystem::remove_all(dir_); }
+  std::string dir_;
+};
 
-TEST(SdkExamplePlugin, ServesCalculatorAndLocationAndLeavesOnSigterm) {
+TEST_F(SdkExamplePlugin, RegistersWithItsTokensServesBothServicesAndLeavesOnInterrupt) {
   SdkFakeManager fake;
   SdkChildProcess child;
-  ASSERT_TRUE(child.start(kExample, {"--legacy", "--socket", fake.socket_path()}));
-  std::vector<Json::Value> regs;
-  answer_registration(fake, "REGS", &regs);
-  EXPECT_EQ(regs[0]["Opcode"].asString(), "4097");
-  EXPECT_EQ(regs[0]["api_def"], load_api_def(LUMOKIT_SOURCE_DIR "/examples/api/calculator.json"));
-  EXPECT_EQ(regs[1]["Opcode"].asString(), "8194");
-  ASSERT_TRUE(child.wait_for_line("serving").has_value());
+  ASSERT_TRUE(child.start(kExample, {"--socket", fake.socket_path(), "--token-dir", dir_, "--token",
+                                     "0x2002=" + dir_ + "/override.token"}));
+  ASSERT_TRUE(fake.accept_plugin());
+  ASSERT_EQ(fake.receive_json()["req_type"], "INIT");
+  ASSERT_TRUE(fake.send(kInitReply));
+  const std::pair<const char*, const char*> registrations[] = {
+      {"AUTH", "4097"}, {"AUTH", "8194"}, {"REDY", "4097"}, {"REDY", "8194"}};
+  std::vector<std::string> tokens;
+  for (const auto& [kind, opcode] : registrations) {
+    const Json::Value msg = fake.receive_json();
+    ASSERT_EQ(msg["req_type"], kind);
+    ASSERT_EQ(msg["Opcode"], opcode);
+    if (msg.isMember("Token")) tokens.push_back(msg["Token"].asString());
+    ASSERT_TRUE(fake.send(std::string(R"({"req_type": ")") + kind + R"(","opcode": ")" + opcode +
+                          R"(", "result": 0} )"));
+  }
+  EXPECT_EQ(tokens, (std::vector<std::string>{"00aa11", "01234567"}));
+  ASSERT_TRUE(child.wait_for_line("serving"));
 
   // Only the pairs it serves are accepted.
-  ASSERT_TRUE(fake.send(
-      R"({"req_type": "start_session", "session_id": 5, "opcodes": [{"id": "0x1001","subsystems": [{"id" :1},{"id" :2}]},{"id": "0x2002","subsystems": [{"id" :3}]},{"id": "0x3003","subsystems": [{"id" :1}]}]})"));
-  EXPECT_EQ(fake.receive().value_or(""),
+  EXPECT_EQ(answer_to(fake, R"({"req_type": "start_session", "session_id": 5, "opcodes": [{"id": "0x1001","subsystems": [{"id" :1},{"id" :2}]},{"id": "0x2002","subsystems": [{"id" :3}]},{"id": "0x3003","subsystems": [{"id" :1}]}]})"),
             R"({"req_type":"start_session","Result":"Success","session_id":5,"opcodes":[{"id":"0x1001","subsystems":[{"id":1}]},{"id":"0x2002","subsystems":[{"id":3}]}]})");
 
-  struct CalcCase {
-    std::string func;
-    std::string args;
-    int status;
-    long long value;
-  } calc_cases[] = {
-      {"add", R"([{"type":"int","value":3},{"type":"int","value":"4"}])", 0, 7},
-      {"multiply", R"([{"type":"int","value":-6},{"type":"int","value":7}])", 0, -42},
-      {"multiply", R"([{"type":"int","value":4611686018427387904},{"type":"int","value":2}])", -3, 0},
-      {"add", R"([{"type":"string","value":"3"},{"type":"int","value":1}])", -1, 0},
-      {"divide", R"([{"type":"int","value":1},{"type":"int","value":1}])", -2, 0},
+  const std::pair<std::string, std::string> calc_cases[] = {  // task, "status return"
+      {task_text(5, 1, "0x1001", 1, "add", R"([{"type":"int","value":3},{"type":"int","value":"4"}])"), "0 7"},
+      {task_text(5, 2, "0x1001", 1, "multiply", R"([{"type":"int","value":-6},{"type":"int","value":7}])"), "0 -42"},
+      {task_text(5, 3, "0x1001", 1, "multiply", R"([{"type":"int","value":4611686018427387904},{"type":"int","value":2}])"), "-3 "},
+      {task_text(5, 4, "0x1001", 1, "add", R"([{"type":"string","value":"3"},{"type":"int","value":1}])"), "-1 "},
+      {task_text(5, 5, "0x1001", 1, "divide", R"([{"type":"int","value":1},{"type":"int","value":1}])"), "-2 "},
+      // Not started for this session, or no longer after its end (below).
+      {task_text(6, 6, "0x2002", 3, "getLocation"), "-5 "},
   };
-  uint32_t transac = 1;
-  for (const CalcCase& c : calc_cases) {
-    ASSERT_TRUE(fake.send(task_text(5, transac, "0x1001", 1, c.func, c.args)));
-    const Json::Value answer = fake.receive_json();
-    EXPECT_EQ(answer["transac_id"].asUInt(), transac) << c.func << c.args;
-    EXPECT_EQ(answer["status"].asInt(), c.status) << c.func << c.args;
-    if (c.status == 0) {
-      EXPECT_EQ(answer["return"].asInt64(), c.value) << c.func << c.args;
-    }
-    ++transac;
+  for (const auto& [task, want] : calc_cases) {
+    const Json::Value answer = sdk_parse_json(answer_to(fake, task));
+    EXPECT_EQ(answer["transac_id"], sdk_parse_json(task)["transac_id"]) << task;
+    EXPECT_EQ(answer["status"].asString() + " " + answer["return"].asString(), want) << task;
   }
 
   // getLocation asks for the permission once per session and the package each time.
-  Json::Value first_position;
-  for (int round = 0; round < 2; ++round) {
-    ASSERT_TRUE(fake.send(location_task(5, 100 + round)));
-    Json::Value msg = fake.receive_json();
-    if (round == 0) {
-      ASSERT_EQ(msg["req_type"].asString(), "PERMISSION");
-      EXPECT_EQ(msg["Session_Id"].asString(), "5");
-      EXPECT_EQ(msg["Permissions"][0].asString(), kFine);
-      ASSERT_TRUE(fake.send(R"({"req_type":"PERMISSION","status": 0,"PermRes":["1"]} )"));
-      msg = fake.receive_json();
-    }
-    ASSERT_EQ(msg["req_type"].asString(), "INFO_QUERY");
-    EXPECT_EQ(msg["QueryInfos"][0].asString(), "app.name.package");
-    ASSERT_TRUE(fake.send(R"({"req_type":"INFO_QUERY","QueryInfosRes":"SUCCESS:com.example.maps"} )"));
-    const Json::Value answer = fake.receive_json();
-    EXPECT_EQ(answer["status"].asInt(), 0);
-    EXPECT_EQ(answer["package"].asString(), "com.example.maps");
-    const Json::Value& pos = answer["return"];
-    EXPECT_LE(std::llabs(pos["latitude_e6"].asInt64()), 85000000);
-    EXPECT_LE(std::llabs(pos["longitude_e6"].asInt64()), 180000000);
-    if (round == 0) first_position = pos;
-    EXPECT_EQ(pos, first_position);
-  }
+  const std::string package = R"({"req_type":"INFO_QUERY","QueryInfosRes":"SUCCESS:com.example.maps"} )";
+  const std::string location = task_text(5, 100, "0x2002", 3, "getLocation");
+  EXPECT_EQ(sdk_parse_json(answer_to(fake, location))["Permissions"][0], kFine);
+  EXPECT_EQ(sdk_parse_json(answer_to(fake, R"({"req_type":"PERMISSION","status": 0,"PermRes":["1"]} )"))["QueryInfos"],
+            sdk_parse_json(R"(["app.name.package"])"));
+  const Json::Value first = sdk_parse_json(answer_to(fake, package));
+  EXPECT_EQ(sdk_parse_json(answer_to(fake, location))["req_type"], "INFO_QUERY");
+  const Json::Value second = sdk_parse_json(answer_to(fake, package));
+  EXPECT_EQ(first["status"], 0);
+  EXPECT_EQ(first["package"], "com.example.maps");
+  EXPECT_LE(std::llabs(first["return"]["latitude_e6"].asInt64()), 85000000);
+  EXPECT_LE(std::llabs(first["return"]["longitude_e6"].asInt64()), 180000000);
+  EXPECT_EQ(second["return"], first["return"]);
 
   // A revocation is remembered: no question, a refusal.
   ASSERT_TRUE(fake.send(std::string(R"({"req_type":"permission_change", "opcode":"8194", "ss_id":"3", "session_id":"5", "permission":")") +
                         kFine + R"(", "status":"0"})"));
-  ASSERT_TRUE(fake.send(location_task(5, 102)));
-  Json::Value answer = fake.receive_json();
-  EXPECT_EQ(answer["transac_id"].asUInt(), 102u);
-  EXPECT_EQ(answer["status"].asInt(), -4);
+  EXPECT_EQ(sdk_parse_json(answer_to(fake, task_text(5, 102, "0x2002", 3, "getLocation")))["status"], -4);
 
-  // A session that never started this pair is refused.
-  ASSERT_TRUE(fake.send(location_task(6, 103)));
-  answer = fake.receive_json();
-  EXPECT_EQ(answer["status"].asInt(), -5);
+  EXPECT_EQ(answer_to(fake, R"({"req_type":"end_session","session_id": 5})"),
+            R"({"req_type":"end_session","Result":"Success"})");
+  EXPECT_EQ(sdk_parse_json(answer_to(fake, task_text(5, 104, "0x1001", 1, "add", R"([{"type":"int","value":1}])")))["status"], -5);
 
-  ASSERT_TRUE(fake.send(R"({"req_type":"end_session","session_id": 5})"));
-  EXPECT_EQ(fake.receive().value_or(""), R"({"req_type":"end_session","Result":"Success"})");
-  ASSERT_TRUE(fake.send(task_text(5, 104, "0x1001", 1, "add", R"([{"type":"int","value":1}])")));
-  EXPECT_EQ(fake.receive_json()["status"].asInt(), -5);
-
-  ASSERT_TRUE(child.signal(SIGTERM));
-  const Json::Value dint = fake.receive_json();
-  EXPECT_EQ(dint["req_type"].asString(), "DINT");
-  EXPECT_EQ(dint["Service_Id"].asInt(), 102);
+  ASSERT_TRUE(child.signal(SIGINT));
+  EXPECT_EQ(fake.receive().value_or("<none>"), R"({"req_type":"DINT","Service_Id":102})");
   ASSERT_TRUE(fake.send("1 "));
   fake.close_plugin();
   EXPECT_EQ(child.wait_exit(), 0);
 }
 
-TEST(SdkExamplePlugin, RegistersWithTokenFilesAndStopsWhenRefused) {
-  char dir_template[] = "/tmp/lumokit-sdk-tokens-XXXXXX";
-  ASSERT_NE(mkdtemp(dir_template), nullptr);
-  const std::string dir = dir_template;
-  const auto write = [](const std::string& path, const std::string& text) {
-    FILE* f = std::fopen(path.c_str(), "w");
-    ASSERT_NE(f, nullptr);
-    std::fputs(text.c_str(), f);
-    std::fclose(f);
-  };
-  write(dir + "/calculator.token", "00aa11\n");
-  write(dir + "/location.token", "ffff\n");
-  write(dir + "/override.token", "  0123\n4567 \n");
-
+TEST_F(SdkExamplePlugin, StopsWhenARegistrationIsRefusedOrATokenIsMissing) {
   {
     SdkFakeManager fake;
     SdkChildProcess child;
-    ASSERT_TRUE(child.start(kExample, {"--socket", fake.socket_path(), "--token-dir", dir,
-                                       "--token", "0x2002=" + dir + "/override.token"}));
-    std::vector<Json::Value> regs;
-    answer_registration(fake, "AUTH", &regs);
-    EXPECT_EQ(regs[0]["Token"].asString(), "00aa11");
-    EXPECT_EQ(regs[1]["Token"].asString(), "01234567");
-    ASSERT_TRUE(child.signal(SIGINT));
-    ASSERT_EQ(fake.receive_json()["req_type"].asString(), "DINT");
-    ASSERT_TRUE(fake.send("1 "));
-    fake.close_plugin();
-    EXPECT_EQ(child.wait_exit(), 0);
-  }
-  {
-    SdkFakeManager fake;
-    SdkChildProcess child;
-    ASSERT_TRUE(child.start(kExample, {"--socket", fake.socket_path(), "--token-dir", dir}));
+    ASSERT_TRUE(child.start(kExample, {"--legacy", "--socket", fake.socket_path()}));
     ASSERT_TRUE(fake.accept_plugin());
-    ASSERT_EQ(fake.receive_json()["req_type"].asString(), "INIT");
-    ASSERT_TRUE(fake.send(R"({"req_type": "INIT", "service_id": 102} )"));
-    ASSERT_EQ(fake.receive_json()["req_type"].asString(), "AUTH");
-    ASSERT_TRUE(fake.send(R"({"req_type": "AUTH","opcode": "4097", "result": -1} )"));
-    EXPECT_TRUE(child.wait_for_line("refused").has_value());
+    ASSERT_EQ(fake.receive_json()["req_type"], "INIT");
+    EXPECT_EQ(sdk_parse_json(answer_to(fake, kInitReply))["req_type"], "REGS");
+    ASSERT_TRUE(fake.send(R"({"req_type": "REGS","opcode": "4097", "result": -1} )"));
+    EXPECT_TRUE(child.wait_for_line("refused"));
     EXPECT_EQ(child.wait_exit(), 1);
   }
-  {
-    // No token for a service: refused before connecting.
-    SdkFakeManager fake;
-    SdkChildProcess child;
-    ASSERT_TRUE(child.start(kExample, {"--socket", fake.socket_path(), "--token",
-                                       "calculator=" + dir + "/calculator.token"}));
-    EXPECT_EQ(child.wait_exit(), 2);
-    EXPECT_FALSE(fake.accept_plugin(200ms));
-  }
-  for (const char* name : {"calculator.token", "location.token", "override.token"}) {
-    unlink((dir + "/" + name).c_str());
-  }
-  rmdir(dir.c_str());
+  // No token for the location service: stopped before connecting.
+  SdkFakeManager fake;
+  SdkChildProcess child;
+  ASSERT_TRUE(child.start(kExample, {"--socket", fake.socket_path(), "--token",
+                                     "calculator=" + dir_ + "/calculator.token"}));
+  EXPECT_EQ(child.wait_exit(), 2);
+  EXPECT_FALSE(fake.accept_plugin(200ms));
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -23,6 +22,12 @@ bool wait_readable(int fd, std::chrono::milliseconds timeout) {
     rc = poll(&p, 1, static_cast<int>(timeout.count()));
   } while (rc < 0 && errno == EINTR);
   return rc > 0;
+}
+
+// Room for the largest message either side sends.
+void widen_send_buffer(int fd) {
+  const int size = 1 << 20;
+  setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
 }
 
 }  // namespace
@@ -49,8 +54,7 @@ SdkFakeManager::SdkFakeManager() {
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
   std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socket_path_.c_str());
-  const int size = 1 << 20;
-  setsockopt(listen_fd_, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+  widen_send_buffer(listen_fd_);
   if (bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
       listen(listen_fd_, 4) != 0) {
     std::perror("fake manager bind/listen");
@@ -67,10 +71,8 @@ SdkFakeManager::~SdkFakeManager() {
 bool SdkFakeManager::accept_plugin(std::chrono::milliseconds timeout) {
   if (!wait_readable(listen_fd_, timeout)) return false;
   plugin_fd_ = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
-  if (plugin_fd_ < 0) return false;
-  const int size = 1 << 20;
-  setsockopt(plugin_fd_, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
-  return true;
+  if (plugin_fd_ >= 0) widen_send_buffer(plugin_fd_);
+  return plugin_fd_ >= 0;
 }
 
 std::optional<std::string> SdkFakeManager::receive(std::chrono::milliseconds timeout) {
@@ -81,38 +83,14 @@ std::optional<std::string> SdkFakeManager::receive(std::chrono::milliseconds tim
   return std::string(buffer.data(), static_cast<size_t>(n));
 }
 
-Json::Value SdkFakeManager::receive_json(std::chrono::milliseconds timeout) {
-  const std::optional<std::string> text = receive(timeout);
-  if (!text) return Json::Value();
-  return sdk_parse_json(*text);
-}
-
 bool SdkFakeManager::send(const std::string& text) {
-  if (plugin_fd_ < 0) return false;
-  return ::send(plugin_fd_, text.data(), text.size(), MSG_NOSIGNAL) ==
-         static_cast<ssize_t>(text.size());
-}
-
-bool SdkFakeManager::plugin_closed(std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (plugin_fd_ >= 0) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0 || !wait_readable(plugin_fd_, left)) return false;
-    char byte;
-    if (recv(plugin_fd_, &byte, 1, MSG_PEEK) == 0) return true;
-    // A message is still waiting; read it away and keep waiting.
-    std::vector<char> buffer(1 << 20);
-    if (recv(plugin_fd_, buffer.data(), buffer.size(), 0) <= 0) return true;
-  }
-  return false;
+  return plugin_fd_ >= 0 && ::send(plugin_fd_, text.data(), text.size(), MSG_NOSIGNAL) ==
+                                static_cast<ssize_t>(text.size());
 }
 
 void SdkFakeManager::close_plugin() {
-  if (plugin_fd_ >= 0) {
-    close(plugin_fd_);
-    plugin_fd_ = -1;
-  }
+  if (plugin_fd_ >= 0) close(plugin_fd_);
+  plugin_fd_ = -1;
 }
 
 }  // namespace lumokit::test

@@ -11,6 +11,9 @@
 
 namespace lumokit::test {
 
+// Parses one JSON text strictly; null when it does not parse.
+Json::Value sdk_parse_json(const std::string& text);
+
 class SdkFakeManager {
  public:
   SdkFakeManager();
@@ -19,18 +22,14 @@ class SdkFakeManager {
   SdkFakeManager& operator=(const SdkFakeManager&) = delete;
 
   const std::string& socket_path() const { return socket_path_; }
-
   // Waits for the plugin to connect.
   bool accept_plugin(std::chrono::milliseconds timeout = std::chrono::seconds(5));
   // The next message, or nothing on timeout or when the plugin has closed.
   std::optional<std::string> receive(std::chrono::milliseconds timeout = std::chrono::seconds(5));
-  // The next message read as a JSON object; null when there is none or it
-  // is not one (the test then fails on the expectations that follow).
-  Json::Value receive_json(std::chrono::milliseconds timeout = std::chrono::seconds(5));
+  // The next message read as JSON; null when there is none or it is not JSON.
+  Json::Value receive_json() { return sdk_parse_json(receive().value_or("")); }
   // Sends one message as is, with no terminator.
   bool send(const std::string& text);
-  // Waits until the plugin's end is closed.
-  bool plugin_closed(std::chrono::milliseconds timeout = std::chrono::seconds(5));
   void close_plugin();
 
  private:
@@ -39,8 +38,5 @@ class SdkFakeManager {
   int listen_fd_ = -1;
   int plugin_fd_ = -1;
 };
-
-// Parses one JSON text strictly; null when it does not parse.
-Json::Value sdk_parse_json(const std::string& text);
 
 }  // namespace lumokit::test
