@@ -19,7 +19,7 @@ const std::vector<Scenario>& all_scenarios() {
       {"task_4x4", "tasks: 4 sessions on 4 plugins", run_task_4x4},
       {"shape_4x1", "SHAPE floor: 4 callers, 1 peer", run_shape_4x1},
       {"task_4x1", "tasks: 4 sessions on 1 plugin", run_task_4x1},
-      {"e2e", "end to end: client -> lumokitd -> plugin", run_e2e},
+      {"e2e", "end to end: client -> lumokitd (log warn) -> plugin", run_e2e},
       {"e2e_min", "end to end, bench's minimal host instead", run_e2e_min},
       {"create_1", "create_session, 1 ready plugin", run_create_1},
       {"create_8", "create_session, 8 ready plugins", run_create_8},
@@ -29,6 +29,9 @@ const std::vector<Scenario>& all_scenarios() {
       {"json_task", "jsoncpp parse: task text (perform_task)", run_json_task},
       {"json_answer", "jsoncpp parse: plugin answer (handler)", run_json_answer},
       {"json_client", "jsoncpp parse: client message (lumokitd)", run_json_client},
+      {"scan_task", "one-pass scan: task text (perform_task)", run_scan_task},
+      {"scan_answer", "one-pass scan: plugin answer (handler)", run_scan_answer},
+      {"scan_client", "one-pass scan+decode: client message (lumokitd)", run_scan_client},
   };
   return list;
 }

@@ -55,6 +55,9 @@ Result run_mem_sessions();
 Result run_json_task();
 Result run_json_answer();
 Result run_json_client();
+Result run_scan_task();
+Result run_scan_answer();
+Result run_scan_client();
 
 // Sizes shared by the floors and the manager paths so that they compare.
 inline constexpr uint32_t kLatencyTasks = 4000;

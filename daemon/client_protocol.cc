@@ -3,6 +3,7 @@
 #include "LumokitSessionManager.h"
 #include "daemon_log.h"
 #include "ipc/json_text.h"
+#include "json_scan.h"
 #include "message_fields.h"
 #include "session_routing.h"
 
@@ -12,6 +13,9 @@ namespace {
 
 using lumokit::ipc::error_message;
 using lumokit::ipc::ObjectWriter;
+
+// A connection thread keeps its task buffer up to this size between tasks.
+constexpr size_t kKeptTaskCapacity = 64 * 1024;
 
 std::string not_owner(uint32_t session_id) {
   return error_message("session " + std::to_string(session_id) +
@@ -46,6 +50,13 @@ std::string do_create_session(ClientConnection& conn, const ClientPolicy& policy
   return std::string();
 }
 
+std::string run_task(ClientConnection& conn, uint32_t session_id, const std::string& text) {
+  if (owned_by_other(session_id, &conn)) return not_owner(session_id);
+  CallScope scope(&conn, session_id);
+  perform_task(text, route_manager_callback, session_id);
+  return std::string();
+}
+
 std::string do_perform_task(ClientConnection& conn, const Json::Value& msg) {
   std::string error;
   uint32_t session_id = 0;
@@ -55,16 +66,29 @@ std::string do_perform_task(ClientConnection& conn, const Json::Value& msg) {
     return error_message(msg.isMember("request") ? "member \"request\" must be a string"
                                                  : "missing member \"request\"");
   }
-  if (owned_by_other(session_id, &conn)) return not_owner(session_id);
-
   // The task text goes to the plugin byte for byte; read it without a copy.
   const char* begin = nullptr;
   const char* end = nullptr;
   request.getString(&begin, &end);
-  const std::string text(begin, end);
-  CallScope scope(&conn, session_id);
-  perform_task(text, route_manager_callback, session_id);
-  return std::string();
+  return run_task(conn, session_id, std::string(begin, end));
+}
+
+// The usual task envelope, {"op":"perform_task","session_id":N,"request":"..."}
+// with nothing else in it, read in one pass. False for anything else, which
+// the full parser then reads and answers.
+bool read_task_envelope(const char* data, size_t length, uint32_t* session_id,
+                        std::string* request) {
+  JsonFlatMember members[] = {{"op"}, {"session_id"}, {"request"}};
+  if (!scan_flat_object(data, length, members, 3)) return false;
+  const JsonFlatMember& op = members[0];
+  const JsonFlatMember& id = members[1];
+  const JsonFlatMember& text = members[2];
+  if (op.kind != JsonFlatMember::kString || op.escaped || op.text != "perform_task") return false;
+  if (id.kind != JsonFlatMember::kNumber || !json_plain_uint32(id.text, session_id)) return false;
+  if (text.kind != JsonFlatMember::kString) return false;
+  request->clear();
+  json_decode_string(text.text, request);
+  return true;
 }
 
 std::string do_cancel_session(ClientConnection& conn, const Json::Value& msg) {
@@ -114,6 +138,14 @@ std::string do_find_pid_uid(ClientConnection& conn, const Json::Value& msg) {
 
 std::string handle_client_message(ClientConnection& conn, const ClientPolicy& policy,
                                   const char* data, size_t length) {
+  uint32_t session_id = 0;
+  // Reused by the connection's thread so that a task costs no allocation here.
+  thread_local std::string task_text;
+  if (read_task_envelope(data, length, &session_id, &task_text)) {
+    std::string reply = run_task(conn, session_id, task_text);
+    if (task_text.capacity() > kKeptTaskCapacity) std::string().swap(task_text);
+    return reply;
+  }
   Json::Value msg;
   std::string error;
   if (!lumokit::ipc::parse_json(data, length, &msg, &error)) {

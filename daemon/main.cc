@@ -107,6 +107,7 @@ int run(const Options& opts) {
   int signal_fd = block_stop_signals();
   if (signal_fd < 0) return fail(kExitFailure, std::string("cannot watch signals: ") + std::strerror(errno));
   signal(SIGPIPE, SIG_IGN);
+  lumokit::host::set_log_min_priority(opts.log_priority);
 
   if (!opts.log_file.empty() && !lumokit::host::set_log_file(opts.log_file)) {
     return fail(kExitUsage, "cannot open log file " + opts.log_file + ": " + std::strerror(errno));

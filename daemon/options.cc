@@ -21,6 +21,23 @@ void split_option(const char* arg, std::string* name, std::string* value, bool* 
   }
 }
 
+// The --log-level names, lowest first.
+bool log_priority_of(const std::string& name, int* prio) {
+  static const struct {
+    const char* name;
+    int prio;
+  } kLevels[] = {{"verbose", ANDROID_LOG_VERBOSE}, {"debug", ANDROID_LOG_DEBUG},
+                 {"info", ANDROID_LOG_INFO},       {"warn", ANDROID_LOG_WARN},
+                 {"error", ANDROID_LOG_ERROR}};
+  for (const auto& level : kLevels) {
+    if (name == level.name) {
+      *prio = level.prio;
+      return true;
+    }
+  }
+  return false;
+}
+
 }  // namespace
 
 bool parse_options(int argc, char** argv, Options* out, std::string* error) {
@@ -79,6 +96,13 @@ bool parse_options(int argc, char** argv, Options* out, std::string* error) {
         return false;
       }
       opts.log_file = value;
+    } else if (name == "--log-level") {
+      if (!take_value("a level")) return false;
+      if (!log_priority_of(value, &opts.log_priority)) {
+        *error = "option --log-level takes verbose, debug, info, warn or error, not \"" + value +
+                 "\"";
+        return false;
+      }
     } else {
       *error = "unknown argument \"" + std::string(argv[i]) + "\"";
       return false;
@@ -98,6 +122,8 @@ const char* usage_text() {
          "  --boot-completed 0|1   initial sys.boot_completed (default 1)\n"
          "  --trust-client-ids     let clients state their pid and uid in create_session\n"
          "  --log-file FILE        append the log to FILE instead of stderr\n"
+         "  --log-level LEVEL      lowest priority written: verbose, debug, info, warn or\n"
+         "                         error (default info)\n"
          "  --help                 show this text\n";
 }
 

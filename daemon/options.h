@@ -1,6 +1,8 @@
 // Command line of lumokitd.
 #pragma once
 
+#include <android/log.h>
+
 #include <string>
 
 namespace lumokitd {
@@ -11,6 +13,7 @@ struct Options {
   bool boot_completed = true;
   bool trust_client_ids = false;
   std::string log_file;     // empty: stderr
+  int log_priority = ANDROID_LOG_INFO;  // records below it are not written
   bool help = false;
 };
 

@@ -240,7 +240,8 @@ bool read_with_library(const std::string& request, lumo_callback callback, uint3
                        Json::Value* root, TaskRequestScan* task) {
   thread_local std::unique_ptr<Json::CharReader> reader(reader_builder().newCharReader());
   std::string errors;
-  if (!reader->parse(request.data(), request.data() + request.size(), root, &errors)) {
+  if (!parse_json_safely(*reader, request.data(), request.data() + request.size(), root,
+                         &errors)) {
     __android_log_print(ANDROID_LOG_WARN, kTagSession, "Parsing Failed!!!");
     callback(LUMO_RESPONSE_TASK, session_id, "", 0, 0);
     return false;

@@ -1,0 +1,382 @@
+#include "json_scan.h"
+
+namespace {
+
+// Beyond this a double overflows, and the JSON library refuses the number.
+constexpr long kMaxDecimalMagnitude = 307;
+
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
+
+int hex_digit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+unsigned int hex4_value(const char* p) {
+  unsigned int v = 0;
+  for (int i = 0; i < 4; ++i) v = v * 16 + static_cast<unsigned int>(hex_digit(p[i]));
+  return v;
+}
+
+void append_utf8(unsigned int cp, std::string* out) {
+  if (cp < 0x80) {
+    out->push_back(static_cast<char>(cp));
+  } else if (cp < 0x800) {
+    out->push_back(static_cast<char>(0xC0 | (cp >> 6)));
+    out->push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+  } else if (cp < 0x10000) {
+    out->push_back(static_cast<char>(0xE0 | (cp >> 12)));
+    out->push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
+    out->push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+  } else {
+    out->push_back(static_cast<char>(0xF0 | (cp >> 18)));
+    out->push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
+    out->push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
+    out->push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+  }
+}
+
+// A member name at a level whose names are compared: escaped names could
+// spell a wanted one, so they fall back.
+bool plain_name(JsonScanner& s, std::string_view* name) {
+  bool escaped = false;
+  return s.string(name, &escaped) && !escaped && s.take(':');
+}
+
+bool plain_string(JsonScanner& s, std::string_view* value) {
+  bool escaped = false;
+  return s.string(value, &escaped) && !escaped;
+}
+
+bool plain_uint(JsonScanner& s, uint32_t* value) {
+  std::string_view token;
+  return s.number(&token) && json_plain_uint32(token, value);
+}
+
+// Walks the members of an object whose "{" has been taken, handing each
+// name to `member`, which must consume the value. Ends after the "}".
+template <typename Member>
+bool each_member(JsonScanner& s, Member member) {
+  if (s.take('}')) return true;
+  for (;;) {
+    std::string_view name;
+    if (!plain_name(s, &name) || !member(name)) return false;
+    if (s.take(',')) continue;
+    return s.take('}');
+  }
+}
+
+// One element of "func"."args": an object with a plain string "type".
+bool scan_arg(JsonScanner& s, int depth_left, TaskRequestScan* out) {
+  if (!s.take('{')) return false;
+  bool seen_type = false;
+  const bool ok = each_member(s, [&](std::string_view name) {
+    if (name != "type") return s.skip_value(depth_left - 1);
+    std::string_view type;
+    if (seen_type || !plain_string(s, &type)) return false;
+    seen_type = true;
+    out->arg_types.push_back(type);
+    return true;
+  });
+  return ok && seen_type;
+}
+
+bool scan_args(JsonScanner& s, int depth_left, TaskRequestScan* out) {
+  if (!s.take('[')) return false;
+  if (s.take(']')) return true;
+  for (;;) {
+    if (depth_left < 2 || !scan_arg(s, depth_left - 1, out)) return false;
+    if (s.take(',')) continue;
+    return s.take(']');
+  }
+}
+
+bool scan_func(JsonScanner& s, int depth_left, TaskRequestScan* out) {
+  if (!s.take('{')) return false;
+  bool seen_name = false, seen_count = false, seen_args = false;
+  const bool ok = each_member(s, [&](std::string_view name) {
+    if (name == "name") {
+      if (seen_name) return false;
+      seen_name = true;
+      return plain_string(s, &out->name);
+    }
+    if (name == "num_of_args") {
+      if (seen_count) return false;
+      seen_count = true;
+      return plain_uint(s, &out->num_of_args);
+    }
+    if (name == "args") {
+      if (seen_args) return false;
+      seen_args = true;
+      return scan_args(s, depth_left - 1, out);
+    }
+    return s.skip_value(depth_left - 1);
+  });
+  return ok && seen_name && seen_count && seen_args;
+}
+
+}  // namespace
+
+bool JsonScanner::hex4(unsigned int* value) {
+  if (end_ - p_ < 4) return false;
+  for (int i = 0; i < 4; ++i) {
+    if (hex_digit(p_[i]) < 0) return false;
+  }
+  *value = hex4_value(p_);
+  p_ += 4;
+  return true;
+}
+
+bool JsonScanner::string(std::string_view* raw, bool* escaped) {
+  if (!take('"')) return false;
+  const char* start = p_;
+  bool any_escape = false;
+  for (;;) {
+    while (p_ != end_) {
+      const unsigned char c = static_cast<unsigned char>(*p_);
+      if (c == '"' || c == '\\' || c < 0x20) break;
+      ++p_;
+    }
+    if (p_ == end_) return false;
+    const char c = *p_;
+    if (c == '"') break;
+    if (c != '\\') return false;  // a raw control character
+    any_escape = true;
+    if (++p_ == end_) return false;
+    switch (*p_++) {
+      case '"': case '\\': case '/': case 'b': case 'f': case 'n': case 'r': case 't':
+        break;
+      case 'u': {
+        unsigned int unit = 0;
+        if (!hex4(&unit)) return false;
+        if (unit >= 0xDC00 && unit <= 0xDFFF) return false;  // a low half alone
+        if (unit >= 0xD800 && unit <= 0xDBFF) {
+          // A high half counts only with its low half right after it.
+          if (end_ - p_ < 2 || p_[0] != '\\' || p_[1] != 'u') return false;
+          p_ += 2;
+          if (!hex4(&unit) || unit < 0xDC00 || unit > 0xDFFF) return false;
+        }
+        break;
+      }
+      default:
+        return false;
+    }
+  }
+  *raw = std::string_view(start, static_cast<size_t>(p_ - start));
+  *escaped = any_escape;
+  ++p_;
+  return true;
+}
+
+bool JsonScanner::number(std::string_view* token) {
+  skip_blanks();
+  const char* start = p_;
+  if (p_ != end_ && *p_ == '-') ++p_;
+  if (p_ == end_ || !is_digit(*p_)) return false;
+  long magnitude = 1;  // decimal digits before the point
+  if (*p_++ != '0') {
+    while (p_ != end_ && is_digit(*p_)) {
+      ++p_;
+      if (++magnitude > kMaxDecimalMagnitude) return false;
+    }
+  }
+  if (p_ != end_ && *p_ == '.') {
+    ++p_;
+    if (p_ == end_ || !is_digit(*p_)) return false;
+    while (p_ != end_ && is_digit(*p_)) ++p_;
+  }
+  if (p_ != end_ && (*p_ == 'e' || *p_ == 'E')) {
+    ++p_;
+    bool negative = false;
+    if (p_ != end_ && (*p_ == '+' || *p_ == '-')) negative = *p_++ == '-';
+    if (p_ == end_ || !is_digit(*p_)) return false;
+    long exponent = 0;
+    while (p_ != end_ && is_digit(*p_)) {
+      if (exponent < 100000) exponent = exponent * 10 + (*p_ - '0');
+      ++p_;
+    }
+    // Tiny values become zero, which the library accepts.
+    if (!negative && magnitude + exponent > kMaxDecimalMagnitude) return false;
+  }
+  *token = std::string_view(start, static_cast<size_t>(p_ - start));
+  return true;
+}
+
+bool JsonScanner::literal(const char* word, size_t size) {
+  if (static_cast<size_t>(end_ - p_) < size) return false;
+  for (size_t i = 0; i < size; ++i) {
+    if (p_[i] != word[i]) return false;
+  }
+  p_ += size;
+  return true;
+}
+
+bool JsonScanner::skip_value(int depth_left) {
+  skip_blanks();
+  if (p_ == end_) return false;
+  switch (*p_) {
+    case '"': {
+      std::string_view raw;
+      bool escaped;
+      return string(&raw, &escaped);
+    }
+    case '{':
+      if (depth_left < 1) return false;
+      ++p_;
+      if (take('}')) return true;
+      for (;;) {
+        std::string_view name;
+        bool escaped;
+        if (!string(&name, &escaped) || !take(':') || !skip_value(depth_left - 1)) return false;
+        if (take(',')) continue;
+        return take('}');
+      }
+    case '[':
+      if (depth_left < 1) return false;
+      ++p_;
+      if (take(']')) return true;
+      for (;;) {
+        if (!skip_value(depth_left - 1)) return false;
+        if (take(',')) continue;
+        return take(']');
+      }
+    case 't':
+      return literal("true", 4);
+    case 'f':
+      return literal("false", 5);
+    case 'n':
+      return literal("null", 4);
+    default: {
+      std::string_view token;
+      return number(&token);
+    }
+  }
+}
+
+bool json_plain_uint32(std::string_view token, uint32_t* out) {
+  if (token.empty() || token.size() > 10) return false;
+  if (token[0] == '0' && token.size() != 1) return false;
+  uint64_t value = 0;
+  for (char c : token) {
+    if (!is_digit(c)) return false;
+    value = value * 10 + static_cast<uint64_t>(c - '0');
+  }
+  if (value > UINT32_MAX) return false;
+  *out = static_cast<uint32_t>(value);
+  return true;
+}
+
+void json_decode_string(std::string_view raw, std::string* out) {
+  out->reserve(out->size() + raw.size());
+  size_t i = 0;
+  while (i < raw.size()) {
+    const size_t slash = raw.find('\\', i);
+    if (slash == std::string_view::npos) {
+      out->append(raw.data() + i, raw.size() - i);
+      return;
+    }
+    out->append(raw.data() + i, slash - i);
+    const char kind = raw[slash + 1];
+    i = slash + 2;
+    switch (kind) {
+      case 'b': out->push_back('\b'); break;
+      case 'f': out->push_back('\f'); break;
+      case 'n': out->push_back('\n'); break;
+      case 'r': out->push_back('\r'); break;
+      case 't': out->push_back('\t'); break;
+      case 'u': {
+        unsigned int cp = hex4_value(raw.data() + i);
+        i += 4;
+        if (cp >= 0xD800 && cp <= 0xDBFF) {
+          const unsigned int low = hex4_value(raw.data() + i + 2);
+          i += 6;
+          cp = 0x10000 + ((cp & 0x3FF) << 10) + (low & 0x3FF);
+        }
+        append_utf8(cp, out);
+        break;
+      }
+      default:  // '"', '\\' and '/' stand for themselves
+        out->push_back(kind);
+    }
+  }
+}
+
+bool scan_plugin_message(const char* text, size_t size, PluginMessageScan* out) {
+  *out = PluginMessageScan();
+  JsonScanner s(text, size);
+  if (!s.take('{')) return false;
+  bool seen_kind = false, seen_session = false, seen_transac = false;
+  const bool ok = each_member(s, [&](std::string_view name) {
+    if (name == "req_type") {
+      if (seen_kind) return false;
+      seen_kind = true;
+      return plain_string(s, &out->req_type);
+    }
+    if (name == "session_id") {
+      if (seen_session) return false;
+      seen_session = true;
+      return plain_uint(s, &out->session_id);
+    }
+    if (name == "transac_id") {
+      if (seen_transac) return false;
+      seen_transac = true;
+      return plain_uint(s, &out->transac_id);
+    }
+    return s.skip_value(kJsonScanMaxDepth - 1);
+  });
+  return ok && s.at_end();
+}
+
+bool scan_task_request(const char* text, size_t size, TaskRequestScan* out) {
+  out->arg_types.clear();
+  JsonScanner s(text, size);
+  if (!s.take('{')) return false;
+  enum : unsigned { kSession = 1, kTransac = 2, kOpcode = 4, kSubsys = 8, kFunc = 16, kAll = 31 };
+  unsigned seen = 0;
+  auto first = [&seen](unsigned bit) {
+    if (seen & bit) return false;
+    seen |= bit;
+    return true;
+  };
+  const bool ok = each_member(s, [&](std::string_view name) {
+    if (name == "session_id") return first(kSession) && plain_uint(s, &out->session_id);
+    if (name == "transac_id") return first(kTransac) && plain_uint(s, &out->transac_id);
+    if (name == "opcode") return first(kOpcode) && plain_string(s, &out->opcode);
+    if (name == "subsys_id") return first(kSubsys) && plain_uint(s, &out->subsys_id);
+    if (name == "func") return first(kFunc) && scan_func(s, kJsonScanMaxDepth - 1, out);
+    return s.skip_value(kJsonScanMaxDepth - 1);
+  });
+  return ok && seen == kAll && s.at_end();
+}
+
+bool scan_flat_object(const char* text, size_t size, JsonFlatMember* wanted, size_t count) {
+  for (size_t i = 0; i < count; ++i) {
+    wanted[i].kind = JsonFlatMember::kMissing;
+    wanted[i].text = std::string_view();
+    wanted[i].escaped = false;
+  }
+  JsonScanner s(text, size);
+  if (!s.take('{')) return false;
+  const bool ok = each_member(s, [&](std::string_view name) {
+    JsonFlatMember* m = nullptr;
+    for (size_t i = 0; i < count && m == nullptr; ++i) {
+      if (name == wanted[i].name) m = &wanted[i];
+    }
+    if (m == nullptr || m->kind != JsonFlatMember::kMissing) return false;
+    const char first = s.peek();
+    if (first == '"') {
+      m->kind = JsonFlatMember::kString;
+      return s.string(&m->text, &m->escaped);
+    }
+    if (first == '-' || is_digit(first)) {
+      m->kind = JsonFlatMember::kNumber;
+      return s.number(&m->text);
+    }
+    // true, false or null; a container fails here for want of depth
+    m->kind = JsonFlatMember::kLiteral;
+    return s.skip_value(0);
+  });
+  return ok && s.at_end();
+}
