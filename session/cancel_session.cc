@@ -67,6 +67,23 @@ void release_privacy_operations(unsigned int session_id) {
   }
 }
 
+// Pair-by-pair cancels leave the session's (now empty) entry in each plugin's
+// started sessions while the session lives; once it has ended nobody can be
+// told of it any more, so the entries go rather than pile up.
+void forget_ended_session(unsigned int session_id) {
+  std::vector<std::shared_ptr<Service>> plugins;
+  {
+    std::lock_guard<std::mutex> lock(service_map_mtx);
+    plugins.reserve(service_map.size());
+    for (const auto& entry : service_map) plugins.push_back(entry.second);
+  }
+  for (const auto& svc : plugins) {
+    if (!svc) continue;
+    std::lock_guard<std::mutex> lock(*svc->get_svc_hal_mtx());
+    svc->delete_from_session_started_map(session_id);
+  }
+}
+
 }  // namespace
 
 uint32_t cancel_session(uint32_t session_id, uint32_t opcode, uint32_t subsys) {
@@ -105,6 +122,7 @@ uint32_t cancel_session(uint32_t session_id, uint32_t opcode, uint32_t subsys) {
     session_cb_map.erase(session_id);
   }
   remove_pid_uid_session_id(session_id);
+  forget_ended_session(session_id);
   {
     // An ended session keeps no empty plugin set behind.
     std::lock_guard<std::mutex> lock(sessionid_svcid_map_mtx);

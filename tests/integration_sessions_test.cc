@@ -335,5 +335,32 @@ TEST(IntegrationSessions, ThreeSecondWaits) {
   EXPECT_TRUE(session_entry(2).isNull());
 }
 
+// A plugin keeps a live session among its started ones while any of its pairs
+// is cancelled, and forgets it once the session has ended.
+TEST(IntegrationSessions, EndedSessionLeavesNoStartedEntry) {
+  RawPlugin plugin;
+  bring_up(plugin, 0x58, {1, 2});
+  std::thread client = open_session(1);
+  plugin.answer_start_session(true);
+  client.join();
+  auto started = [] {
+    std::string ids;
+    const Json::Value dump = state_dump();
+    for (const Json::Value& p : dump["plugins"]) {
+      for (const Json::Value& s : p["started_sessions"]) ids += s.asString() + " ";
+    }
+    return ids;
+  };
+  EXPECT_EQ(started(), "1 ");
+  auto first = cancel_async(1, 0x58, 1);
+  plugin.answer_end_session();
+  EXPECT_EQ(first.get(), 0u);
+  EXPECT_EQ(started(), "1 ");  // the session lives on with its other pair
+  auto last = cancel_async(1, 0x58, 2);
+  plugin.answer_end_session();
+  EXPECT_EQ(last.get(), 0u);
+  EXPECT_EQ(started(), "");
+}
+
 }  // namespace
 }  // namespace lumokit::test
