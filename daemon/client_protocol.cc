@@ -45,7 +45,7 @@ std::string do_create_session(ClientConnection& conn, const ClientPolicy& policy
   }
   if (session_id != 0 && owned_by_other(session_id, &conn)) return not_owner(session_id);
 
-  CallScope scope(&conn, session_id);
+  CallScope scope(&conn, session_id, /*creating=*/true);
   create_session(std::move(request), route_manager_callback, session_id, handle, pid, uid);
   return std::string();
 }

@@ -1,40 +1,25 @@
 #include "session_cleanup.h"
 
-#include <string>
+#include <utility>
+#include <vector>
 
 #include "LumoManager.h"
 #include "LumokitSessionManager.h"
 #include "daemon_log.h"
 #include "session_routing.h"
-#include "state_view.h"
 
 namespace lumokitd {
-
-namespace {
-
-bool read_session(uint32_t session_id, SessionView* view) {
-  Json::Value state;
-  std::string error;
-  if (!parse_state(lumokit_state_dump(), &state, &error)) {
-    log_error("cannot read the manager state: %s", error.c_str());
-    return false;
-  }
-  *view = find_session(state, session_id);
-  return true;
-}
-
-}  // namespace
 
 bool end_session(uint32_t session_id) {
   // A few rounds cover pairs that a plugin re-attached meanwhile; each round
   // only shrinks the session.
+  std::vector<std::pair<uint32_t, uint32_t>> connected;
   for (int round = 0; round < 4; ++round) {
-    SessionView view;
-    if (!read_session(session_id, &view)) return false;
-    if (!view.present) return true;
-    size_t singles = view.connected.empty() ? 0 : view.connected.size() - 1;
-    for (size_t i = 0; i < singles; ++i) {
-      const Pair& pair = view.connected[i];
+    if (!lumokit_session_snapshot(session_id, &connected)) return true;
+    // All pairs but the last one by one; the last with a whole-session
+    // cancel, the only one that also stops the client's privacy operations.
+    for (size_t i = 0; i + 1 < connected.size(); ++i) {
+      const auto& pair = connected[i];
       // A zero opcode or subsystem cannot name a single pair; the final
       // whole-session cancel covers it.
       if (pair.first == 0 || pair.second == 0) continue;
@@ -42,8 +27,7 @@ bool end_session(uint32_t session_id) {
     }
     cancel_session(session_id, 0, 0);
   }
-  SessionView view;
-  if (read_session(session_id, &view) && !view.present) return true;
+  if (!lumokit_session_snapshot(session_id, &connected)) return true;
   log_error("session %u is still known to the manager after cancelling it", session_id);
   return false;
 }

@@ -18,23 +18,49 @@ thread_local CallContext t_call;
 
 std::mutex owners_mtx;
 std::map<uint32_t, std::shared_ptr<ClientConnection>> owners;
+// While create_session calls are running, a callback for a session nobody
+// owns yet may belong to one of them (a plugin that died just after it
+// accepted): such callbacks wait here for the session's claim.
+int creates_running = 0;
+std::map<uint32_t, std::vector<std::string>> held;
 
-void claim_session(uint32_t session_id, ClientConnection* conn) {
-  std::shared_ptr<ClientConnection> ref = conn->shared_from_this();
-  std::lock_guard<std::mutex> lock(owners_mtx);
+// Under owners_mtx: the create answer first, then whatever waited for it, so
+// the client never hears of a session before the answer that names it.
+void claim_and_deliver_locked(uint32_t session_id, ClientConnection* conn, std::string answer) {
   // A re-attach by its owner keeps the entry; another owner is refused
   // before the call, so an existing entry is never taken over here.
-  owners.emplace(session_id, std::move(ref));
+  owners.emplace(session_id, conn->shared_from_this());
+  conn->deliver(std::move(answer));
+  auto waiting = held.find(session_id);
+  if (waiting == held.end()) return;
+  for (std::string& message : waiting->second) conn->deliver(std::move(message));
+  held.erase(waiting);
 }
 
 }  // namespace
 
-CallScope::CallScope(ClientConnection* conn, uint32_t session_id) {
+CallScope::CallScope(ClientConnection* conn, uint32_t session_id, bool creating) : creating_(creating) {
   t_call.conn = conn;
   t_call.session_id = session_id;
+  if (creating_) {
+    std::lock_guard<std::mutex> lock(owners_mtx);
+    ++creates_running;
+  }
 }
 
-CallScope::~CallScope() { t_call = CallContext(); }
+CallScope::~CallScope() {
+  t_call = CallContext();
+  if (!creating_) return;
+  std::map<uint32_t, std::vector<std::string>> dropped;
+  {
+    std::lock_guard<std::mutex> lock(owners_mtx);
+    if (--creates_running == 0) dropped.swap(held);
+  }
+  for (const auto& entry : dropped) {
+    log_warn("no client owns session %u; dropped %zu held callback(s)", entry.first,
+             entry.second.size());
+  }
+}
 
 std::string callback_message(lumo_response_t kind, uint32_t session_id, const std::string& text,
                              int32_t error_flag, uint32_t client_handle) {
@@ -64,7 +90,9 @@ void route_manager_callback(lumo_response_t kind, uint32_t session_id, std::stri
   if (caller != nullptr &&
       (kind == LUMO_RESPONSE_CREATE_SESSION || session_id == t_call.session_id)) {
     if (kind == LUMO_RESPONSE_CREATE_SESSION && error_flag == 0 && session_id != 0) {
-      claim_session(session_id, caller);
+      std::lock_guard<std::mutex> lock(owners_mtx);
+      claim_and_deliver_locked(session_id, caller, std::move(message));
+      return;
     }
     if (!caller->deliver(std::move(message))) {
       log_info("client %llu gone; dropped kind %d answer for session %u",
@@ -73,13 +101,26 @@ void route_manager_callback(lumo_response_t kind, uint32_t session_id, std::stri
     return;
   }
 
-  std::shared_ptr<ClientConnection> owner = session_owner(session_id);
+  std::shared_ptr<ClientConnection> owner;
+  {
+    // Delivered under the lock so that it cannot overtake a create answer
+    // being delivered for the same session (delivery never blocks).
+    std::lock_guard<std::mutex> lock(owners_mtx);
+    auto it = owners.find(session_id);
+    if (it != owners.end()) {
+      owner = it->second;
+      if (owner->deliver(std::move(message))) return;
+    } else if (creates_running > 0) {
+      held[session_id].push_back(std::move(message));
+      return;
+    }
+  }
   if (!owner) {
     log_warn("no client owns session %u; dropped kind %d callback (error %d)", session_id,
              static_cast<int>(kind), error_flag);
     return;
   }
-  if (!owner->deliver(std::move(message))) {
+  {
     log_info("client %llu gone; dropped kind %d callback for session %u",
              static_cast<unsigned long long>(owner->id()), static_cast<int>(kind), session_id);
   }

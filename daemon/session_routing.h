@@ -19,12 +19,17 @@ namespace lumokitd {
 
 // Marks the current thread as calling the manager for `conn` about
 // `session_id` until the scope ends.
+// `creating` marks a create_session call, during which callbacks for
+// sessions nobody owns yet are held for the session's claim.
 class CallScope {
  public:
-  CallScope(ClientConnection* conn, uint32_t session_id);
+  CallScope(ClientConnection* conn, uint32_t session_id, bool creating = false);
   ~CallScope();
   CallScope(const CallScope&) = delete;
   CallScope& operator=(const CallScope&) = delete;
+
+ private:
+  bool creating_;
 };
 
 // The callback handed to create_session and perform_task.

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 class Service;
 
@@ -34,3 +36,8 @@ void* manager_send(void* arg);
 // Read-only JSON snapshot of the plugins and sessions, for diagnostics.
 // Locks are taken one at a time and never across a callback.
 std::string lumokit_state_dump();
+
+// Whether any session table still knows `session_id`; when it does,
+// `connected` gets its connected opcode/subsystem pairs, ascending.
+bool lumokit_session_snapshot(uint32_t session_id,
+                              std::vector<std::pair<uint32_t, uint32_t>>* connected);

@@ -123,3 +123,32 @@ std::string lumokit_state_dump() {
   }
   return json_write_compact(root);
 }
+
+bool lumokit_session_snapshot(uint32_t session_id,
+                              std::vector<std::pair<uint32_t, uint32_t>>* connected) {
+  connected->clear();
+  bool known = false;
+  {
+    std::lock_guard<std::mutex> lock(connectedOpcodesubsysMapMtx);
+    auto it = connectedOpcodesubsysMap.find(session_id);
+    if (it != connectedOpcodesubsysMap.end()) {
+      known = true;
+      connected->assign(it->second->begin(), it->second->end());
+    }
+  }
+  if (known) return true;
+  {
+    std::lock_guard<std::mutex> lock(session_cb_map_mtx);
+    if (session_cb_map.count(session_id) != 0) return true;
+  }
+  {
+    std::lock_guard<std::mutex> lock(sessionid_pid_uid_map_mtx);
+    if (sessionid_pid_uid_map.count(session_id) != 0) return true;
+  }
+  {
+    std::lock_guard<std::mutex> lock(sessionid_svcid_map_mtx);
+    if (sessionid_svcid_map.count(session_id) != 0) return true;
+  }
+  std::lock_guard<std::mutex> lock(sessionid_granted_opcodesubsys_map_mtx);
+  return sessionid_granted_opcodesubsys_map.count(session_id) != 0;
+}
