@@ -102,13 +102,13 @@ Result run_process(const std::string& name, bool pinned) {
     r.error = "pipe failed";
     return r;
   }
-  SpawnSpec spec;
-  if (pinned) spec.argv = {"taskset", "-c", "0"};
-  spec.argv.push_back(self_exe());
-  spec.argv.push_back("--scenario");
-  spec.argv.push_back(name);
-  spec.stdout_fd = out[1];
-  pid_t pid = spawn(spec);
+  SpawnSpec launch;
+  if (pinned) launch.argv = {"taskset", "-c", "0"};
+  launch.argv.push_back(self_exe());
+  launch.argv.push_back("--scenario");
+  launch.argv.push_back(name);
+  launch.stdout_fd = out[1];
+  pid_t pid = spawn(launch);
   close(out[1]);
   std::string text;
   char buf[4096];

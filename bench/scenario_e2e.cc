@@ -153,13 +153,13 @@ Result run_e2e() {
   }
   Daemon daemon;
   daemon.dir = dir_template;
-  SpawnSpec spec;
+  SpawnSpec launch;
   // Warnings and errors only, to /dev/null: the in-process scenarios run the
   // manager with its log off, so the per-message info lines would be the
   // one cost the daemon pays that they do not.
-  spec.argv = {daemon_path, "--runtime-dir", daemon.dir, "--log-file", "/dev/null",
+  launch.argv = {daemon_path, "--runtime-dir", daemon.dir, "--log-file", "/dev/null",
                "--log-level", "warn"};
-  daemon.pid = spawn(spec);
+  daemon.pid = spawn(launch);
 
   int client = -1;
   for (int i = 0; i < 2000 && client < 0; ++i) {

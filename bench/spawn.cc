@@ -20,33 +20,33 @@ std::string self_exe() {
   return std::string(buf, static_cast<size_t>(n));
 }
 
-pid_t spawn(const SpawnSpec& spec) {
+pid_t spawn(const SpawnSpec& launch) {
   std::vector<char*> argv;
-  for (const std::string& a : spec.argv) argv.push_back(const_cast<char*>(a.c_str()));
+  for (const std::string& a : launch.argv) argv.push_back(const_cast<char*>(a.c_str()));
   argv.push_back(nullptr);
   const pid_t parent = getpid();
   pid_t pid = fork();
   if (pid != 0) return pid;
-  if (spec.die_with_parent) {
+  if (launch.die_with_parent) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) _exit(1);
   }
-  for (int fd : spec.keep_fds) {
+  for (int fd : launch.keep_fds) {
     int flags = fcntl(fd, F_GETFD);
     if (flags >= 0) fcntl(fd, F_SETFD, flags & ~FD_CLOEXEC);
   }
-  if (spec.stdout_fd >= 0) dup2(spec.stdout_fd, STDOUT_FILENO);
-  if (spec.stderr_fd >= 0) dup2(spec.stderr_fd, STDERR_FILENO);
+  if (launch.stdout_fd >= 0) dup2(launch.stdout_fd, STDOUT_FILENO);
+  if (launch.stderr_fd >= 0) dup2(launch.stderr_fd, STDERR_FILENO);
   execvp(argv[0], argv.data());
   _exit(127);
 }
 
 pid_t spawn_self(const std::vector<std::string>& args, const std::vector<int>& keep_fds) {
-  SpawnSpec spec;
-  spec.argv.push_back(self_exe());
-  spec.argv.insert(spec.argv.end(), args.begin(), args.end());
-  spec.keep_fds = keep_fds;
-  return spawn(spec);
+  SpawnSpec launch;
+  launch.argv.push_back(self_exe());
+  launch.argv.insert(launch.argv.end(), args.begin(), args.end());
+  launch.keep_fds = keep_fds;
+  return spawn(launch);
 }
 
 int wait_child(pid_t pid, int timeout_ms) {

@@ -22,7 +22,7 @@ struct SpawnSpec {
 
 // fork + exec; -1 when fork fails. Only async-signal-safe calls run in the
 // child before exec, so it is safe from a process with threads.
-pid_t spawn(const SpawnSpec& spec);
+pid_t spawn(const SpawnSpec& launch);
 
 // This binary with the given arguments.
 pid_t spawn_self(const std::vector<std::string>& args, const std::vector<int>& keep_fds);
