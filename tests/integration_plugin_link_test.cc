@@ -15,45 +15,20 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr int32_t kPid = 4321;
-constexpr uint32_t kUid = 10077;
-
-// Opens a session on a thread of its own (it blocks until the plugins answer)
-// while the calling thread plays the plugin.
-std::thread open_session(uint32_t handle, uint32_t session_id = 0) {
-  return std::thread(
-      [=] { create_session("{}", recording_callback(), session_id, handle, kPid, kUid); });
-}
-
-void open_accepted_session(RawPlugin& plugin, uint32_t handle) {
-  std::thread client = open_session(handle);
-  plugin.answer_start_session(true);
-  client.join();
-}
-
-Json::Value plugin_entry(uint32_t service_id) {
-  const Json::Value dump = state_dump();
-  for (const Json::Value& p : dump["plugins"]) {
-    if (p["service_id"].asUInt() == service_id) return p;
-  }
-  return Json::Value();
-}
-
-int thread_count() {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.rfind("Threads:", 0) == 0) return std::stoi(line.substr(8));
-  }
-  return -1;
-}
-
 // Threads of earlier connections may still be ending; wait for a steady count.
 int settled_thread_count() {
-  int last = thread_count();
+  auto count = [] {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+      if (line.rfind("Threads:", 0) == 0) return std::stoi(line.substr(8));
+    }
+    return -1;
+  };
+  int last = count();
   for (int i = 0; i < 50; ++i) {
     std::this_thread::sleep_for(20ms);
-    int now = thread_count();
+    const int now = count();
     if (now == last) return now;
     last = now;
   }
@@ -65,12 +40,6 @@ std::string padded(const std::string& head, size_t size, const std::string& tail
   return head + std::string(size - head.size() - tail.size(), 'p') + tail;
 }
 
-std::string padded_task(uint32_t transac_id, size_t size) {
-  std::string base = task_request(1, transac_id, "0x3001", 1, "upload", {"bytes"});
-  base.pop_back();  // the closing brace
-  return padded(base + ",\"pad\":\"", size, "\"}");
-}
-
 TEST(IntegrationPluginLink, WholeLifeWithExactReplies) {
   LogCapture log;
   RawPlugin plugin(start_manager());
@@ -79,7 +48,6 @@ TEST(IntegrationPluginLink, WholeLifeWithExactReplies) {
 
   EXPECT_EQ(plugin.request(R"({"req_type":"INIT"})"),
             "{\"req_type\": \"INIT\", \"service_id\": 102} ");
-
   const Json::Value lamp = api_def(0x1001, {1, 2}, "lamp");
   const std::string token = make_token(0x1001, lamp);
   EXPECT_EQ(plugin.request(registration_message("AUTH", 102, 0x1001, lamp, &token)),
@@ -91,22 +59,18 @@ TEST(IntegrationPluginLink, WholeLifeWithExactReplies) {
                            "lumo_svc_register_auth API"));
   EXPECT_EQ(plugin.request(R"({"req_type":"REDY","Service_Id":102,"Opcode":"4097"})"),
             "{\"req_type\": \"REDY\",\"opcode\": \"4097\", \"result\": 0} ");
-  EXPECT_EQ(plugin_entry(102)["state"].asInt(), 3);
+  EXPECT_EQ(plugin_state(102)["state"].asInt(), 3);
 
-  std::thread client = open_session(77);
+  std::thread client = create_session_async(77);
   const std::string notice = plugin.recv();
   EXPECT_EQ(notice,
             R"({"req_type": "start_session", "session_id": 1, "opcodes": [{"id": "0x1001","subsystems": [{"id" :1},{"id" :2}]}]})");
   plugin.send(start_session_answer(notice, true));
   client.join();
-  ASSERT_EQ(callbacks().size(), 1u);
-  Callback created = callbacks()[0];
-  EXPECT_EQ(created.kind, LUMO_RESPONSE_CREATE_SESSION);
-  EXPECT_EQ(created.session_id, 1u);
-  EXPECT_EQ(created.text,
-            R"({"capability": {"version":1,"opcodes": [{"opcode": "0x1001", "name": "lamp", "subsystems": [{"functions":["f1"],"id":1},{"functions":["f2"],"id":2}]}]}})");
-  EXPECT_EQ(created.error_flag, 0);
-  EXPECT_EQ(created.handle, 77u);
+  std::vector<Callback> expected = {{LUMO_RESPONSE_CREATE_SESSION, 1,
+      R"({"capability": {"version":1,"opcodes": [{"opcode": "0x1001", "name": "lamp", "subsystems": [{"functions":["f1"],"id":1},{"functions":["f2"],"id":2}]}]}})",
+      0, 77}};
+  EXPECT_EQ(callbacks(), expected);
 
   // The task reaches the plugin byte for byte; its answer reaches the client unchanged.
   const std::string task = task_request(1, 7, "0x1001", 2, "switchOn", {"int", "string"});
@@ -116,36 +80,18 @@ TEST(IntegrationPluginLink, WholeLifeWithExactReplies) {
       R"({ "req_type" : "exec_task", "session_id": 1,  "transac_id": 7, "return": [1, "on"] })";
   plugin.send(answer);
   ASSERT_TRUE(wait_for_callbacks(2, 3s));
-  Callback result = callbacks()[1];
-  EXPECT_EQ(result.kind, LUMO_RESPONSE_TASK);
-  EXPECT_EQ(result.session_id, 1u);
-  EXPECT_EQ(result.text, answer);
-  EXPECT_EQ(result.error_flag, 0);
-  EXPECT_EQ(result.handle, 7u);
-
-  // Questions about the session's client.
-  EXPECT_EQ(plugin.request(R"({"req_type":"PERMISSION","Session_Id":"abc","Permissions":["p.A"]})"),
-            "{\"req_type\":\"PERMISSION\",\"status\": -1} ");
-  EXPECT_TRUE(log.contains("E/LUMOKIT_SESSION_MANAGER: Invalid session is abc"));
-  EXPECT_EQ(plugin.request(R"({"req_type":"PERMISSION","Session_Id":"1","Permissions":[]})"),
-            "{\"req_type\":\"PERMISSION\",\"status\": 0,\"PermRes\":[\"1\"]} ");
-  EXPECT_EQ(plugin.request(R"({"req_type":"PERMISSION","Session_Id":"9","Permissions":["p.A","p.B"]})"),
-            "{\"req_type\":\"PERMISSION\",\"status\": 0,\"PermRes\":[\"0\",\"0\"]} ");
-  EXPECT_EQ(plugin.request(R"({"req_type":"INFO_QUERY","Session_Id":"1","QueryInfos":["app.id.pid","app.id.uid"]})"),
-            "{\"req_type\":\"INFO_QUERY\",\"QueryInfosRes\":\"SUCCESS:4321\",\"SUCCESS:10077\"} ");
+  expected.push_back({LUMO_RESPONSE_TASK, 1, answer, 0, 7});
+  EXPECT_EQ(callbacks(), expected);
 
   // Goodbye: "1", the connection closes, the session hears of every pair the
   // plugin had registered, ready or not.
   EXPECT_EQ(plugin.request(R"({"req_type":"DINT","Service_Id":102})"), "1 ");
   EXPECT_TRUE(plugin.wait_closed());
   ASSERT_TRUE(wait_for_callbacks(3, 3s));
-  Callback gone = callbacks()[2];
-  EXPECT_EQ(gone.kind, LUMO_RESPONSE_TASK);
-  EXPECT_EQ(gone.session_id, 1u);
-  EXPECT_EQ(gone.text,
-            R"({"opcodes":[{"opcode" : 4097, "subsystems": [{"id" : 1},{"id" : 2}]},{"opcode" : 4098, "subsystems": [{"id" : 3}]}]})");
-  EXPECT_EQ(gone.error_flag, 1);
-  EXPECT_EQ(gone.handle, 0u);
+  expected.push_back({LUMO_RESPONSE_TASK, 1,
+      R"({"opcodes":[{"opcode" : 4097, "subsystems": [{"id" : 1},{"id" : 2}]},{"opcode" : 4098, "subsystems": [{"id" : 3}]}]})",
+      1, 0});
+  EXPECT_EQ(callbacks(), expected);
   EXPECT_EQ(state_dump()["plugins"].size(), 0u);
   EXPECT_EQ(state_dump()["registry"].size(), 0u);
 
@@ -171,48 +117,26 @@ TEST(IntegrationPluginLink, IgnoredAndRefusedMessages) {
   ASSERT_EQ(plugin.init(), 102);
   const Json::Value def = api_def(0x2001, {1});
   const std::string empty_token;
-  const std::string foreign_token = make_token(0x2001, api_def(0x2001, {2}));
-  struct Case {
-    const char* what;
-    std::string message;
-    std::string reply;  // empty: no reply at all
-    std::string log;
-  };
-  const Case cases[] = {
-      {"no req_type", R"({"Opcode":"1","Service_Id":102})", "", ""},
-      {"unknown kind", R"({"req_type":"HELLO"})", "", ""},
-      {"not JSON", "INIT, please", "", "W/LUMOKIT_SESSION_MANAGER: Parsing failed!!"},
-      {"AUTH, opcode not a number", R"({"req_type":"AUTH","Opcode":"abc","Service_Id":102})",
-       "{\"req_type\": \"AUTH\",\"opcode\": \"abc\", \"result\": -1} ",
-       "E/LUMOKIT_SESSION_MANAGER: Opcode is not valid: abc"},
-      {"REGS, empty opcode", R"({"req_type":"REGS","Opcode":"","Service_Id":102})",
-       "{\"req_type\": \"REGS\",\"opcode\": \"\", \"result\": -1} ", ""},
-      {"AUTH, empty token", registration_message("AUTH", 102, 0x2001, def, &empty_token),
-       "{\"req_type\": \"AUTH\",\"opcode\": \"8193\", \"result\": -1} ",
-       "E/LUMOKIT_SESSION_MANAGER: Invalid token."},
-      {"AUTH, no token", registration_message("AUTH", 102, 0x2001, def, nullptr),
-       "{\"req_type\": \"AUTH\",\"opcode\": \"8193\", \"result\": -1} ",
-       "E/LUMOKIT_SESSION_MANAGER: Failed to authenticate the LUMOKIT ONE token."},
-      {"AUTH, token for another definition",
-       registration_message("AUTH", 102, 0x2001, def, &foreign_token),
-       "{\"req_type\": \"AUTH\",\"opcode\": \"8193\", \"result\": -1} ",
-       "E/LUMOKIT_SESSION_MANAGER: Token is not valid for provided json api definition."},
-      {"REDY, opcode out of range",
-       R"({"req_type":"REDY","Service_Id":102,"Opcode":"123456789012345678901234"})",
+  const std::string refused = "{\"req_type\": \"AUTH\",\"opcode\": \"8193\", \"result\": -1} ";
+  const std::string e = "E/LUMOKIT_SESSION_MANAGER: ";
+  expect_exchanges(plugin, {
+      {R"({"Opcode":"1","Service_Id":102})"},
+      {R"({"req_type":"HELLO"})"},
+      {"INIT, please", "", kUnreadable},
+      {R"({"req_type":"AUTH","Opcode":"abc","Service_Id":102})",
+       "{\"req_type\": \"AUTH\",\"opcode\": \"abc\", \"result\": -1} ", e + "Opcode is not valid: abc"},
+      {R"({"req_type":"REGS","Opcode":"","Service_Id":102})",
+       "{\"req_type\": \"REGS\",\"opcode\": \"\", \"result\": -1} "},
+      {registration_message("AUTH", 102, 0x2001, def, &empty_token), refused, e + "Invalid token."},
+      {registration_message("AUTH", 102, 0x2001, def, nullptr), refused,
+       e + "Failed to authenticate the LUMOKIT ONE token."},
+      {R"({"req_type":"REDY","Service_Id":102,"Opcode":"123456789012345678901234"})",
        "{\"req_type\": \"REDY\",\"opcode\": \"123456789012345678901234\", \"result\": -1} ",
-       "E/LUMOKIT_SESSION_MANAGER: Invalid input, out of range input"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    plugin.send(c.message);
-    EXPECT_EQ(plugin.recv(c.reply.empty() ? 300ms : 3000ms), c.reply);
-    if (!c.log.empty()) {
-      EXPECT_TRUE(log.contains(c.log));
-    }
-  }
-  EXPECT_EQ(log.count("Failed to authenticate the LUMOKIT ONE token."), 3u);
+       e + "Invalid input, out of range input"},
+  });
+  EXPECT_EQ(log.count("Failed to authenticate the LUMOKIT ONE token."), 2u);
   // Nothing was registered by any of it.
-  Json::Value entry = plugin_entry(102);
+  const Json::Value entry = plugin_state(102);
   EXPECT_EQ(entry["state"].asInt(), 1);
   EXPECT_EQ(entry["pairs"].size(), 0u);
 }
@@ -224,22 +148,16 @@ TEST(IntegrationPluginLink, FirstRefusedRedyMeansNoSenderEver) {
   EXPECT_EQ(plugin.redy(0x2001), -1);  // nothing registered yet
   EXPECT_EQ(plugin.auth(0x2001, api_def(0x2001, {1})), 0);
   EXPECT_EQ(plugin.redy(0x2001), 0);  // accepted, yet no sender is started
-  Json::Value entry = plugin_entry(plugin.service_id());
-  EXPECT_EQ(entry["state"].asInt(), 2);
-  EXPECT_TRUE(entry["pairs"][0]["ready"].asBool());
+  EXPECT_EQ(plugin_state(plugin.service_id())["state"].asInt(), 2);
+  EXPECT_TRUE(plugin_state(plugin.service_id())["pairs"][0]["ready"].asBool());
 
   // The session-start notice is queued but never sent: the client waits out
   // its 3 seconds and the plugin hears nothing.
-  create_session("{}", recording_callback(), 0, 5, kPid, kUid);
+  create_session("{}", recording_callback(), 0, 5, kClientPid, kClientUid);
   EXPECT_EQ(plugin.recv(300ms), "");
-  ASSERT_EQ(callbacks().size(), 1u);
-  EXPECT_EQ(callbacks()[0].kind, LUMO_RESPONSE_CREATE_SESSION);
-  EXPECT_EQ(callbacks()[0].session_id, 0u);
-  EXPECT_EQ(callbacks()[0].text, "{}");
-  EXPECT_EQ(callbacks()[0].error_flag, 1);
-  EXPECT_EQ(callbacks()[0].handle, 5u);
+  EXPECT_EQ(callbacks(), (std::vector<Callback>{{LUMO_RESPONSE_CREATE_SESSION, 0, "{}", 1, 5}}));
   EXPECT_TRUE(log.contains("I/LUMOKIT_SESSION_MANAGER: Session not started !!"));
-  EXPECT_EQ(plugin_entry(plugin.service_id())["queued"].asUInt(), 1u);
+  EXPECT_EQ(plugin_state(plugin.service_id())["queued"].asUInt(), 1u);
 }
 
 TEST(IntegrationPluginLink, SecondRedyStartsNoSecondSender) {
@@ -254,7 +172,7 @@ TEST(IntegrationPluginLink, SecondRedyStartsNoSecondSender) {
   EXPECT_EQ(settled_thread_count(), with_sender);
 
   // Queued messages reach the plugin once each, in order, as separate sends.
-  open_accepted_session(plugin, 1);
+  open_session({&plugin});
   const std::string first = task_request(1, 1, "0x2001", 1, "a", {});
   const std::string second = task_request(1, 2, "0x2001", 1, "b", {});
   perform_task(first, recording_callback(), 1);
@@ -265,37 +183,35 @@ TEST(IntegrationPluginLink, SecondRedyStartsNoSecondSender) {
 }
 
 TEST(IntegrationPluginLink, MessageSizeLimits) {
-  LogCapture log;
   RawPlugin plugin;
   const std::string head = R"({"req_type":"PERMISSION","Session_Id":"x","pad":")";
   const std::string refused = "{\"req_type\":\"PERMISSION\",\"status\": -1} ";
-
+  auto limit_is = [&](size_t limit) {
+    expect_exchanges(plugin, {{padded(head, limit, "\"}"), refused},
+                              {padded(head, limit + 1, "\"}"), "", kUnreadable}});
+  };
   // Before the first start_session answer of a ready plugin: 102,400 bytes.
-  EXPECT_EQ(plugin.request(padded(head, 102400, "\"}")), refused);
-  plugin.send(padded(head, 102401, "\"}"));
-  EXPECT_EQ(plugin.recv(300ms), "");
-  EXPECT_EQ(log.count("Parsing failed!!"), 1u);
+  limit_is(102400);
 
+  // From then on 524,288 bytes, also for a plugin that registered a second
+  // opcode after its first "REDY".
   bring_up(plugin, 0x3001, {1});
-  open_accepted_session(plugin, 1);
-
-  // From then on: 524,288 bytes.
+  bring_up(plugin, 0x3002, {1});
+  open_session({&plugin});
   const std::string big =
       padded(R"({"req_type":"exec_task","session_id":1,"transac_id":9,"blob":")", 200000, "\"}");
   plugin.send(big);
-  ASSERT_TRUE(wait_for_callbacks(2, 3s));
-  EXPECT_EQ(callbacks()[1].text, big);
-  EXPECT_EQ(callbacks()[1].handle, 9u);
-  EXPECT_EQ(plugin.request(padded(head, 524288, "\"}")), refused);
-  plugin.send(padded(head, 524289, "\"}"));
-  EXPECT_EQ(plugin.recv(300ms), "");
-  EXPECT_EQ(log.count("Parsing failed!!"), 2u);
+  ASSERT_TRUE(wait_for_callbacks(1, 3s));
+  EXPECT_EQ(callbacks()[0].text, big);
+  EXPECT_EQ(callbacks()[0].handle, 9u);
+  limit_is(524288);
 
   // Queued messages are cut to 524,287 bytes.
   for (size_t size : {size_t{524287}, size_t{524288}, size_t{600000}}) {
     SCOPED_TRACE(size);
-    const std::string task = padded_task(static_cast<uint32_t>(size), size);
-    ASSERT_EQ(task.size(), size);
+    std::string task = task_request(1, static_cast<uint32_t>(size), "0x3001", 1, "upload", {"bytes"});
+    task.pop_back();  // the closing brace
+    task = padded(task + ",\"pad\":\"", size, "\"}");
     perform_task(task, recording_callback(), 1);
     const std::string got = plugin.recv();
     EXPECT_EQ(got.size(), 524287u);

@@ -1,5 +1,6 @@
 #include "manager_harness.h"
 
+#include <gtest/gtest.h>
 #include <lumokit/host_platform.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -9,24 +10,31 @@
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
-#include <thread>
 
 #include "LumoManager.h"
 #include "token_signer.h"
 
 namespace lumokit::test {
 
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
 namespace {
 
 std::runtime_error failure(const std::string& what) { return std::runtime_error(what); }
 
-int connect_seqpacket(const std::string& path) {
-  int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  if (fd < 0) throw failure("socket: " + std::string(strerror(errno)));
+sockaddr_un unix_address(const std::string& path) {
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
   strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+  return addr;
+}
+
+int connect_seqpacket(const std::string& path) {
+  int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  if (fd < 0) throw failure("socket: " + std::string(strerror(errno)));
+  const sockaddr_un addr = unix_address(path);
+  if (connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) != 0) {
     int err = errno;
     close(fd);
     throw failure("connect " + path + ": " + strerror(err));
@@ -37,19 +45,36 @@ int connect_seqpacket(const std::string& path) {
   return fd;
 }
 
+// Waits for something to read on `fd` until `deadline`.
+bool readable(int fd, Clock::time_point deadline) {
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+  pollfd p{fd, POLLIN, 0};
+  return left.count() > 0 && poll(&p, 1, static_cast<int>(left.count())) > 0;
+}
+
+std::string compact(const Json::Value& value) {
+  Json::StreamWriterBuilder w;
+  w["indentation"] = "";
+  return Json::writeString(w, value);
+}
+
 // Never destroyed: plugin handler threads may still report while the test
 // process exits.
 std::mutex& cb_mtx = *new std::mutex();
-std::condition_variable& cb_cv = *new std::condition_variable();
 std::vector<Callback>* recorded = new std::vector<Callback>();
 
 void record(lumo_response_t kind, uint32_t session_id, std::string text, int32_t error_flag,
             uint32_t handle) {
-  {
-    std::lock_guard<std::mutex> lock(cb_mtx);
-    recorded->push_back(Callback{kind, session_id, std::move(text), error_flag, handle});
+  std::lock_guard<std::mutex> lock(cb_mtx);
+  recorded->push_back(Callback{kind, session_id, std::move(text), error_flag, handle});
+}
+
+Json::Value state_entry(const char* table, const char* id_member, uint32_t id) {
+  const Json::Value dump = state_dump();
+  for (const Json::Value& entry : dump[table]) {
+    if (entry[id_member].asUInt() == id) return entry;
   }
-  cb_cv.notify_all();
+  return Json::Value();
 }
 
 }  // namespace
@@ -60,10 +85,8 @@ const std::string& start_manager() {
     if (mkdtemp(dir_template) == nullptr) throw failure("mkdtemp failed");
     std::string socket_path = std::string(dir_template) + "/lumo";
     int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, socket_path.c_str(), sizeof(addr.sun_path) - 1);
-    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+    const sockaddr_un addr = unix_address(socket_path);
+    if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) != 0) {
       throw failure("bind " + socket_path + ": " + strerror(errno));
     }
     setenv("ANDROID_SOCKET_lumo", std::to_string(fd).c_str(), 1);
@@ -73,36 +96,36 @@ const std::string& start_manager() {
       rmdir(cleanup_dir->c_str());
     });
     std::thread([] { LumoServiceManagerServer::init_manager(); }).detach();
-    // listen() happens on the manager thread; wait until a connect succeeds.
+    // listen() happens on the manager thread; wait until a connection is
+    // taken. The probe's goodbye, before any INIT, leaves no record.
     for (int i = 0; i < 500; ++i) {
-      int probe = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-      bool ok = connect(probe, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
-      if (ok) {
-        // A clean goodbye so that the probe leaves no record.
-        const char dint[] = "{\"req_type\":\"DINT\"}";
-        ::send(probe, dint, sizeof(dint) - 1, MSG_NOSIGNAL);
-        char buf[16];
-        pollfd p{probe, POLLIN, 0};
-        if (poll(&p, 1, 2000) > 0) ::recv(probe, buf, sizeof(buf), 0);
+      try {
+        RawPlugin probe(socket_path);
+        return socket_path;
+      } catch (const std::exception&) {
+        std::this_thread::sleep_for(10ms);
       }
-      close(probe);
-      if (ok) return socket_path;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     throw failure("manager did not start listening");
   }();
   return path;
 }
 
+bool wait_until(const std::function<bool()>& pred, std::chrono::milliseconds timeout) {
+  const auto deadline = Clock::now() + timeout;
+  for (;;) {
+    if (pred()) return true;
+    if (Clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(10ms);
+  }
+}
+
 LogCapture::LogCapture() {
   hook_id_ = lumokit::host::add_log_hook([this](int prio, const std::string& tag, const std::string& msg) {
     static const char letters[] = "??VDIWEF";
     char p = prio >= 2 && prio <= 7 ? letters[prio] : '?';
-    {
-      std::lock_guard<std::mutex> lock(mtx_);
-      lines_.push_back(std::string(1, p) + "/" + tag + ": " + msg);
-    }
-    cv_.notify_all();
+    std::lock_guard<std::mutex> lock(mtx_);
+    lines_.push_back(std::string(1, p) + "/" + tag + ": " + msg);
   });
 }
 
@@ -123,13 +146,7 @@ size_t LogCapture::count(const std::string& text) const {
 bool LogCapture::contains(const std::string& text) const { return count(text) != 0; }
 
 bool LogCapture::wait_for(const std::string& text, std::chrono::milliseconds timeout) const {
-  std::unique_lock<std::mutex> lock(mtx_);
-  return cv_.wait_for(lock, timeout, [&] {
-    for (const auto& line : lines_) {
-      if (line.find(text) != std::string::npos) return true;
-    }
-    return false;
-  });
+  return wait_until([&] { return contains(text); }, timeout);
 }
 
 RawPlugin::RawPlugin(const std::string& path) : fd_(connect_seqpacket(path)) {}
@@ -139,14 +156,7 @@ RawPlugin::~RawPlugin() {
   // its teardown is not still running while the test process exits.
   if (fd_ >= 0) {
     const std::string dint = "{\"req_type\":\"DINT\",\"Service_Id\":" + std::to_string(service_id_) + "}";
-    if (::send(fd_, dint.data(), dint.size(), MSG_NOSIGNAL) > 0) {
-      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-      char buf[4096];
-      while (std::chrono::steady_clock::now() < deadline) {
-        pollfd p{fd_, POLLIN, 0};
-        if (poll(&p, 1, 100) > 0 && ::recv(fd_, buf, sizeof(buf), 0) <= 0) break;
-      }
-    }
+    if (::send(fd_, dint.data(), dint.size(), MSG_NOSIGNAL) > 0) wait_closed(5s);
   }
   close_socket();
 }
@@ -162,35 +172,26 @@ void RawPlugin::send(const std::string& text) {
   }
 }
 
-std::string RawPlugin::recv(std::chrono::milliseconds timeout) {
+std::string RawPlugin::recv(std::chrono::milliseconds timeout, bool keep_probes) {
   static thread_local std::vector<char> buffer(1 << 20);
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  const auto deadline = Clock::now() + timeout;
   for (;;) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return "";
-    pollfd p{fd_, POLLIN, 0};
-    if (poll(&p, 1, static_cast<int>(left.count())) <= 0) return "";
+    if (!readable(fd_, deadline)) return "";
     ssize_t n = ::recv(fd_, buffer.data(), buffer.size(), 0);
     if (n <= 0) return "";
     std::string text(buffer.data(), static_cast<size_t>(n));
-    if (text == "PING ") continue;
-    return text;
+    if (keep_probes || text != "PING ") return text;
   }
 }
 
 bool RawPlugin::wait_closed(std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  char buf[64];
-  for (;;) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return false;
-    pollfd p{fd_, POLLIN, 0};
-    if (poll(&p, 1, static_cast<int>(left.count())) <= 0) return false;
+  const auto deadline = Clock::now() + timeout;
+  char buf[4096];
+  while (readable(fd_, deadline)) {
     ssize_t n = ::recv(fd_, buf, sizeof(buf), MSG_DONTWAIT);
     if (n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK)) return true;
   }
+  return false;
 }
 
 std::string RawPlugin::request(const std::string& text) {
@@ -199,8 +200,7 @@ std::string RawPlugin::request(const std::string& text) {
 }
 
 int RawPlugin::init() {
-  Json::Value reply = parse_json(request("{\"req_type\":\"INIT\"}"));
-  service_id_ = reply["service_id"].asInt();
+  service_id_ = parse_json(request("{\"req_type\":\"INIT\"}"))["service_id"].asInt();
   return service_id_;
 }
 
@@ -212,18 +212,12 @@ std::string registration_message(const char* kind, int service_id, uint32_t opco
   msg["Service_Id"] = service_id;
   msg["api_def"] = def;
   if (token) msg["Token"] = *token;
-  Json::StreamWriterBuilder w;
-  w["indentation"] = "";
-  return Json::writeString(w, msg);
+  return compact(msg);
 }
 
 int RawPlugin::auth(uint32_t opcode, const Json::Value& def) {
   const std::string token = make_token(opcode, def);
   return parse_json(request(registration_message("AUTH", service_id_, opcode, def, &token)))["result"].asInt();
-}
-
-int RawPlugin::regs(uint32_t opcode, const Json::Value& def) {
-  return parse_json(request(registration_message("REGS", service_id_, opcode, def, nullptr)))["result"].asInt();
 }
 
 int RawPlugin::redy(uint32_t opcode) {
@@ -247,9 +241,7 @@ std::string start_session_answer(const std::string& notice, bool accept) {
   answer["Result"] = accept ? "Success" : "Failure";
   answer["session_id"] = n["session_id"];
   answer["opcodes"] = n["opcodes"];
-  Json::StreamWriterBuilder w;
-  w["indentation"] = "";
-  return Json::writeString(w, answer);
+  return compact(answer);
 }
 
 std::string RawPlugin::answer_start_session(bool accept) {
@@ -274,20 +266,13 @@ std::string RawPlugin::answer_end_session(bool success) {
 Json::Value api_def(uint32_t opcode, const std::vector<uint32_t>& subsystems, const std::string& name) {
   char hex[16];
   snprintf(hex, sizeof(hex), "0x%x", opcode);
-  Json::Value entry(Json::objectValue);
-  entry["opcode"] = hex;
-  entry["name"] = name;
-  Json::Value subs(Json::arrayValue);
+  Json::Value def =
+      parse_json("[{\"opcode\":\"" + std::string(hex) + "\",\"name\":\"\",\"subsystems\":[]}]");
+  def[0]["name"] = name;
   for (uint32_t id : subsystems) {
-    Json::Value sub(Json::objectValue);
-    sub["id"] = id;
-    sub["functions"] = Json::Value(Json::arrayValue);
-    sub["functions"].append("f" + std::to_string(id));
-    subs.append(sub);
+    const std::string n = std::to_string(id);
+    def[0]["subsystems"].append(parse_json("{\"id\":" + n + ",\"functions\":[\"f" + n + "\"]}"));
   }
-  entry["subsystems"] = subs;
-  Json::Value def(Json::arrayValue);
-  def.append(entry);
   return def;
 }
 
@@ -312,6 +297,16 @@ std::string task_request(uint32_t session_id, uint32_t transac_id, const std::st
          std::to_string(arg_types.size()) + ",\"args\":[" + args + "]}}";
 }
 
+bool operator==(const Callback& a, const Callback& b) {
+  return a.kind == b.kind && a.session_id == b.session_id && a.text == b.text &&
+         a.error_flag == b.error_flag && a.handle == b.handle;
+}
+
+std::ostream& operator<<(std::ostream& out, const Callback& cb) {
+  return out << "{kind " << cb.kind << ", session " << cb.session_id << ", text " << cb.text
+             << ", error " << cb.error_flag << ", handle " << cb.handle << "}";
+}
+
 lumo_callback recording_callback() { return record; }
 
 std::vector<Callback> callbacks() {
@@ -325,8 +320,42 @@ void clear_callbacks() {
 }
 
 bool wait_for_callbacks(size_t n, std::chrono::milliseconds timeout) {
-  std::unique_lock<std::mutex> lock(cb_mtx);
-  return cb_cv.wait_for(lock, timeout, [n] { return recorded->size() >= n; });
+  return wait_until([n] { return callbacks().size() >= n; }, timeout);
+}
+
+std::thread create_session_async(uint32_t handle, uint32_t session_id, lumo_callback callback,
+                                 int32_t pid, uint32_t uid) {
+  return std::thread([=] { create_session("{}", callback, session_id, handle, pid, uid); });
+}
+
+uint32_t open_session(std::initializer_list<RawPlugin*> plugins, uint32_t handle, int32_t pid,
+                      uint32_t uid) {
+  std::thread client = create_session_async(handle, 0, recording_callback(), pid, uid);
+  std::string problem;
+  try {
+    for (RawPlugin* plugin : plugins) plugin->answer_start_session(true);
+  } catch (const std::exception& e) {
+    problem = e.what();
+  }
+  client.join();
+  for (const Callback& cb : callbacks()) {
+    if (problem.empty() && cb.kind == LUMO_RESPONSE_CREATE_SESSION && cb.handle == handle &&
+        cb.error_flag == 0 && cb.session_id != 0) {
+      clear_callbacks();
+      return cb.session_id;
+    }
+  }
+  throw failure("no session opened " + problem);
+}
+
+std::future<uint32_t> cancel_async(uint32_t session_id, uint32_t opcode, uint32_t subsys) {
+  return std::async(std::launch::async, [=] { return cancel_session(session_id, opcode, subsys); });
+}
+
+uint32_t cancel_answered(RawPlugin& plugin, uint32_t session_id, uint32_t opcode, uint32_t subsys) {
+  std::future<uint32_t> result = cancel_async(session_id, opcode, subsys);
+  plugin.answer_end_session();  // a throw waits for the cancel in the future's destructor
+  return result.get();
 }
 
 Json::Value parse_json(const std::string& text) {
@@ -341,5 +370,45 @@ Json::Value parse_json(const std::string& text) {
 }
 
 Json::Value state_dump() { return parse_json(lumokit_state_dump()); }
+
+Json::Value plugin_state(int service_id) {
+  return state_entry("plugins", "service_id", static_cast<uint32_t>(service_id));
+}
+
+Json::Value session_state(uint32_t session_id) {
+  return state_entry("sessions", "session_id", session_id);
+}
+
+std::string pair_list(const Json::Value& pairs) {
+  std::string text;
+  for (const Json::Value& p : pairs) {
+    text += p["opcode"].asString() + "/" + std::to_string(p["subsystem"].asUInt()) + " ";
+  }
+  return text;
+}
+
+void expect_exchanges(RawPlugin& plugin, const std::vector<Exchange>& cases) {
+  LogCapture log;
+  for (const Exchange& c : cases) {
+    SCOPED_TRACE(c.message.substr(0, 120));
+    clear_callbacks();
+    const size_t unreadable = log.count(kUnreadable);
+    const size_t logged = c.log.empty() ? 0 : log.count(c.log);
+    plugin.send(c.message);
+    EXPECT_EQ(plugin.recv(c.reply.empty() ? 300ms : 3000ms), c.reply);
+    if (!c.callback.empty()) {
+      EXPECT_TRUE(wait_for_callbacks(1, 3s));
+      ASSERT_EQ(callbacks().size(), 1u);
+      EXPECT_EQ(callbacks()[0].text, c.callback);
+      EXPECT_EQ(callbacks()[0].handle, 0u);  // an unreadable transaction number
+    } else {
+      EXPECT_TRUE(callbacks().empty());
+    }
+    if (!c.log.empty()) {
+      EXPECT_GT(log.count(c.log), logged) << c.log;
+    }
+    EXPECT_EQ(log.count(kUnreadable) - unreadable, c.log == kUnreadable ? 1u : 0u);
+  }
+}
 
 }  // namespace lumokit::test

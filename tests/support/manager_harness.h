@@ -1,15 +1,20 @@
 // Test harness: the manager started as on a device (a bound seqpacket socket
 // handed over through ANDROID_SOCKET_lumo, init_manager on its own thread),
-// raw plugins speaking the wire protocol, a recording client callback and a
-// log capture.
+// raw plugins speaking the wire protocol, a recording client callback, a log
+// capture, and the steps most tests share (opening and ending sessions,
+// reading the state dump, checking plugin exchanges).
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <deque>
+#include <functional>
+#include <future>
+#include <initializer_list>
 #include <mutex>
+#include <ostream>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include <json/json.h>
@@ -18,8 +23,15 @@
 
 namespace lumokit::test {
 
+// The client that the session helpers state.
+constexpr int32_t kClientPid = 4321;
+constexpr uint32_t kClientUid = 10077;
+
 // Starts the manager once per process; returns the plugin socket path.
 const std::string& start_manager();
+
+// Polls `pred` every 10 ms until it holds or `timeout` passes.
+bool wait_until(const std::function<bool()>& pred, std::chrono::milliseconds timeout);
 
 // Every log record while alive.
 class LogCapture {
@@ -35,7 +47,6 @@ class LogCapture {
  private:
   int hook_id_;
   mutable std::mutex mtx_;
-  mutable std::condition_variable cv_;
   std::vector<std::string> lines_;
 };
 
@@ -48,19 +59,18 @@ class RawPlugin {
   RawPlugin& operator=(const RawPlugin&) = delete;
 
   void send(const std::string& text);
-  // Next message, skipping "PING " probes; empty on timeout.
-  std::string recv(std::chrono::milliseconds timeout = std::chrono::milliseconds(3000));
+  // Next message, skipping "PING " probes unless `keep_probes`; empty on timeout.
+  std::string recv(std::chrono::milliseconds timeout = std::chrono::milliseconds(3000),
+                   bool keep_probes = false);
   // Sends and returns the direct reply.
   std::string request(const std::string& text);
   void close_socket();
   // True once the manager has closed its end (pending messages are dropped).
   bool wait_closed(std::chrono::milliseconds timeout = std::chrono::milliseconds(3000));
-  int fd() const { return fd_; }
 
   // Protocol steps; each checks the reply's shape and returns its result.
   int init();  // the service id
   int auth(uint32_t opcode, const Json::Value& api_def);  // signed token
-  int regs(uint32_t opcode, const Json::Value& api_def);
   int redy(uint32_t opcode);
   std::string dint();
   int service_id() const { return service_id_; }
@@ -104,15 +114,52 @@ struct Callback {
   int32_t error_flag;
   uint32_t handle;
 };
+bool operator==(const Callback& a, const Callback& b);
+std::ostream& operator<<(std::ostream& out, const Callback& cb);
 lumo_callback recording_callback();
 std::vector<Callback> callbacks();
 void clear_callbacks();
 // Waits until at least `n` callbacks were recorded.
 bool wait_for_callbacks(size_t n, std::chrono::milliseconds timeout);
 
+// create_session on a thread of its own (it blocks until the plugins have
+// answered), so that the caller can play the plugins.
+std::thread create_session_async(uint32_t handle, uint32_t session_id = 0,
+                                 lumo_callback callback = recording_callback(),
+                                 int32_t pid = kClientPid, uint32_t uid = kClientUid);
+
+// Opens a session while each of `plugins` in turn accepts its start notice;
+// returns the id and clears the recorded callbacks. Throws when the client
+// is not told of a new session.
+uint32_t open_session(std::initializer_list<RawPlugin*> plugins, uint32_t handle = 1,
+                      int32_t pid = kClientPid, uint32_t uid = kClientUid);
+
+// cancel_session on a thread of its own.
+std::future<uint32_t> cancel_async(uint32_t session_id, uint32_t opcode = 0, uint32_t subsys = 0);
+// cancel_session while `plugin` acknowledges the end_session request.
+uint32_t cancel_answered(RawPlugin& plugin, uint32_t session_id, uint32_t opcode = 0,
+                         uint32_t subsys = 0);
+
 Json::Value parse_json(const std::string& text);
 
 // The manager's diagnostic snapshot, parsed.
 Json::Value state_dump();
+// One plugin's or session's entry of the snapshot; null when there is none.
+Json::Value plugin_state(int service_id);
+Json::Value session_state(uint32_t session_id);
+// Pairs of a snapshot list as "0x10/5 0x20/1 ".
+std::string pair_list(const Json::Value& pairs);
+
+// A message a plugin sends and what must follow: its direct reply (none when
+// empty), a line that must be logged once more, and the text the client is
+// called back with (none when empty). A message is logged as unreadable
+// exactly when `log` is kUnreadable.
+constexpr const char* kUnreadable = "W/LUMOKIT_SESSION_MANAGER: Parsing failed!!";
+struct Exchange {
+  Exchange(std::string m, std::string r = "", std::string l = "", std::string c = "")
+      : message(std::move(m)), reply(std::move(r)), log(std::move(l)), callback(std::move(c)) {}
+  std::string message, reply, log, callback;
+};
+void expect_exchanges(RawPlugin& plugin, const std::vector<Exchange>& cases);
 
 }  // namespace lumokit::test

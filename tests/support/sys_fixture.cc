@@ -3,21 +3,11 @@
 #include <lumokit/host_platform.h>
 
 #include <atomic>
-#include <thread>
 
 #include "LumoSysAccess.h"
 #include "host/lumo_sys_host.h"
 
 namespace lumokit::test {
-
-bool wait_until(const std::function<bool()>& pred, std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  for (;;) {
-    if (pred()) return true;
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-}
 
 bool wait_for_sys_callback(std::chrono::milliseconds timeout) {
   // Negative pids never belong to a client, so the probe touches no cache
@@ -52,38 +42,6 @@ bool connect_sys_service(const std::string& policy, std::string* error) {
 size_t perminfo_cache_size() {
   std::lock_guard<std::mutex> lock(pid_perminfo_map_mtx);
   return pid_perminfo_map.size();
-}
-
-uint32_t open_session(RawPlugin& plugin, int32_t pid, uint32_t uid, uint32_t client_handle) {
-  std::atomic<bool> answered{false};
-  std::thread answer([&plugin, &answered] {
-    try {
-      plugin.answer_start_session(true);
-      answered = true;
-    } catch (const std::exception&) {
-      // Reported through the missing session below.
-    }
-  });
-  create_session("{}", recording_callback(), 0, client_handle, pid, uid);
-  answer.join();
-  if (!answered) return 0;
-  for (const Callback& cb : callbacks()) {
-    if (cb.kind == LUMO_RESPONSE_CREATE_SESSION && cb.handle == client_handle) return cb.session_id;
-  }
-  return 0;
-}
-
-uint32_t cancel_whole_session(RawPlugin& plugin, uint32_t session_id) {
-  std::thread ack([&plugin] {
-    try {
-      plugin.answer_end_session(true);
-    } catch (const std::exception&) {
-      // The cancel then completes after its own wait.
-    }
-  });
-  const uint32_t result = cancel_session(session_id, 0, 0);
-  ack.join();
-  return result;
 }
 
 }  // namespace lumokit::test
