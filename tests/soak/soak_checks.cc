@@ -1,16 +1,10 @@
-#include "soak_checks.h"
-
-#include <dirent.h>
-
+// The soak's verdicts from what was recorded: crash notices against plugin
+// deaths, lost and refused tasks against the chaos, the daemon's state dump
+// against the clients still there.
 #include <algorithm>
-#include <cstdlib>
-#include <map>
-#include <set>
-#include <sstream>
 
-#include "e2e_process.h"
-#include "soak_clock.h"
-#include "soak_link.h"
+#include "ipc/json_text.h"
+#include "soak.h"
 
 namespace lumokit::soak {
 
@@ -18,388 +12,204 @@ namespace {
 
 // Slack for a task in flight inside the daemon while a plugin or the
 // system service changes state.
-constexpr int64_t kGateSlackNs = 1 * kSec;
+constexpr int64_t kSlackNs = 1 * kSec;
 
-std::string secs(int64_t t, int64_t origin) {
-  std::ostringstream out;
-  out.precision(3);
-  out << std::fixed << static_cast<double>(t - origin) / 1e9 << "s";
-  return out.str();
+// Seconds since the first plugin started, for reading a failure.
+std::string at(int64_t t, const Incarnations& all) {
+  char text[32];
+  std::snprintf(text, sizeof(text), "%.3fs", static_cast<double>(t - all[0][0].t_spawn) / 1e9);
+  return text;
 }
 
-std::string inc_name(const Incarnation& inc) {
-  return "slot " + std::to_string(inc.slot) + " incarnation " + std::to_string(inc.number) +
-         " (service id " + std::to_string(inc.service_id) + ")";
-}
-
-// Incarnations per slot, in order of their number.
-std::map<uint32_t, std::vector<const Incarnation*>> by_slot(const std::vector<Incarnation>& all) {
-  std::map<uint32_t, std::vector<const Incarnation*>> out;
-  for (const Incarnation& inc : all) out[inc.slot].push_back(&inc);
-  for (auto& entry : out) {
-    std::sort(entry.second.begin(), entry.second.end(),
-              [](const Incarnation* a, const Incarnation* b) { return a->number < b->number; });
-  }
-  return out;
-}
-
-int64_t origin_of(const std::vector<Incarnation>& all) {
-  int64_t t = 0;
-  for (const Incarnation& inc : all) {
-    if (t == 0 || (inc.t_spawn != 0 && inc.t_spawn < t)) t = inc.t_spawn;
-  }
-  return t;
-}
-
-bool started_between(const Incarnation& inc, uint32_t session, int64_t from, int64_t to) {
-  auto it = inc.starts.find(session);
-  if (it == inc.starts.end()) return false;
-  return std::any_of(it->second.begin(), it->second.end(),
-                     [&](int64_t t) { return t >= from && t <= to; });
-}
-
-bool read_slot(const Json::Value& pair, uint32_t* slot) {
-  const std::string text = pair["opcode"].asString();
-  if (text.size() < 3 || text.compare(0, 2, "0x") != 0) return false;
-  char* end = nullptr;
-  unsigned long v = std::strtoul(text.c_str() + 2, &end, 16);
-  if (*end != '\0' || v < kOpcodeBase) return false;
-  *slot = static_cast<uint32_t>(v - kOpcodeBase);
-  return true;
-}
+std::string text_of(const Json::Value& v) { return lumokit::ipc::write_json(v).substr(0, 300); }
 
 }  // namespace
 
-NoticeTally check_crash_notices(const std::vector<Incarnation>& incarnations,
-                                const std::vector<SessionRecord>& sessions,
-                                const std::set<uint32_t>& unowned_drops, FailureLog& failures) {
-  NoticeTally tally;
-  const auto slots = by_slot(incarnations);
-  const int64_t origin = origin_of(incarnations);
-  for (const SessionRecord& s : sessions) {
-    const std::string who = "session " + std::to_string(s.id) + " (client " +
-                            std::to_string(s.worker) + ")";
-    std::map<const Incarnation*, int> heard;
-    for (const NoticeRecord& n : s.notices) {
-      ++tally.received;
-      // The death it tells of: the slot's latest kill before the notice came.
-      const Incarnation* dead = nullptr;
-      auto it = slots.find(n.slot);
-      if (it != slots.end()) {
-        for (const Incarnation* inc : it->second) {
-          if (inc->t_kill != 0 && inc->t_kill <= n.t) dead = inc;
+uint64_t check_crash_notices(const Incarnations& all, const std::vector<ClientState>& clients,
+                             Failures& failures) {
+  uint64_t required_total = 0;
+  for (const ClientState& client : clients) {
+    for (const SessionRecord& s : client.records) {
+      const std::string who =
+          "session " + std::to_string(s.id) + " of client " + std::to_string(s.client);
+      auto fail = [&](const std::string& what) { failures.add("crash notices", who + what); };
+      std::map<const Incarnation*, int> heard;
+      for (const auto& [t, slot] : s.notices) {
+        // The death it tells of: the slot's latest one before the notice came.
+        const Incarnation* dead = nullptr;
+        for (const Incarnation& inc : all[slot]) dead = inc.t_kill && inc.t_kill <= t ? &inc : dead;
+        if (dead == nullptr) {
+          fail(" got a crash notice at " + at(t, all) + " with no death of slot " +
+               std::to_string(slot) + " before it");
+        } else if (dead->starts.count(s.id) == 0) {
+          fail(" got a crash notice at " + at(t, all) + " for " + dead->name() +
+               ", which never started it");
+        } else if (++heard[dead] == 2) {
+          fail(" got more than one crash notice for the death of " + dead->name());
         }
       }
-      if (dead == nullptr) {
-        failures.add("crash notices", who + " got a crash notice for slot " +
-                                          std::to_string(n.slot) + " at " + secs(n.t, origin) +
-                                          " with no death of that plugin before it");
-        continue;
-      }
-      if (dead->starts.count(s.id) == 0) {
-        failures.add("crash notices", who + " got a crash notice at " + secs(n.t, origin) +
-                                          " for " + inc_name(*dead) + ", which never started it");
-        continue;
-      }
-      if (++heard[dead] == 2) {
-        failures.add("crash notices", who + " got more than one crash notice for the death of " +
-                                          inc_name(*dead));
-      }
-    }
-    // Deaths the session certainly had to hear of.
-    std::set<const Incarnation*> required;
-    for (const AttachRecord& a : s.attaches) {
-      for (uint32_t slot : a.slots) {
-        auto it = slots.find(slot);
-        if (it == slots.end()) continue;
-        const Incarnation* starter = nullptr;
-        int starters = 0;
-        for (const Incarnation* inc : it->second) {
-          if (started_between(*inc, s.id, a.t_req, a.t_ans)) {
-            starter = inc;
-            ++starters;
+      // Deaths the session certainly had to hear of: listed in an answer
+      // means the plugin was alive when the manager wrote it, after the
+      // session's callback was stored, so its death, however soon, is the
+      // session's. A restart during the call is ambiguous.
+      std::set<const Incarnation*> required;
+      for (const SessionRecord::Attach& a : s.attaches) {
+        for (uint32_t slot : a.slots) {
+          std::vector<const Incarnation*> starters;
+          for (const Incarnation& inc : all[slot]) {
+            auto it = inc.starts.find(s.id);
+            if (it != inc.starts.end() &&
+                std::any_of(it->second.begin(), it->second.end(),
+                            [&](int64_t t) { return t >= a.t_req && t <= a.t_ans; })) {
+              starters.push_back(&inc);
+            }
           }
-        }
-        if (starters != 1) continue;  // a restart during the call: ambiguous
-        // Listed in the answer means the plugin was alive when the manager
-        // wrote it, after the session's callback was stored: its death,
-        // however soon, is the session's to hear of.
-        if (starter->t_kill != 0 && starter->t_gone != 0 && s.t_barrier != 0 &&
-            starter->t_gone < s.t_barrier) {
-          required.insert(starter);
-        }
-      }
-    }
-    for (const Incarnation* inc : required) {
-      ++tally.required;
-      if (heard.count(inc) != 0) continue;
-      const std::string why =
-          unowned_drops.count(s.id) != 0
-              ? " (the daemon logged a crash notice for it dropped because no connection owned "
-                "the session yet: the create_session answer had not been routed)"
-              : "";
-      failures.add("crash notices", who + " was started by " + inc_name(*inc) +
-                                        " (listed in its answer at " +
-                                        secs(s.attaches.front().t_ans, origin) +
-                                        "), which was killed at " + secs(inc->t_kill, origin) +
-                                        " and forgotten at " + secs(inc->t_gone, origin) +
-                                        ", yet no crash notice came by " +
-                                        secs(s.t_barrier, origin) + why);
-    }
-  }
-  return tally;
-}
-
-TaskTally check_task_misses(const std::vector<WorkerTotals>& totals,
-                            const std::vector<Incarnation>& incarnations,
-                            const std::vector<SysOutage>& outages, FailureLog& failures) {
-  TaskTally tally;
-  const auto slots = by_slot(incarnations);
-  const int64_t origin = origin_of(incarnations);
-  for (const WorkerTotals& w : totals) {
-    for (const TaskMiss& miss : w.lost) {
-      bool explained = false;
-      auto it = slots.find(miss.slot);
-      if (it != slots.end()) {
-        // Its plugin died before answering, or was dead but not yet
-        // forgotten when the task came (such tasks are dropped by design).
-        for (const Incarnation* inc : it->second) {
-          if (inc->t_kill != 0 && inc->t_kill <= miss.t_send + kTaskTimeoutNs &&
-              (inc->t_gone == 0 || inc->t_gone + kGateSlackNs >= miss.t_send)) {
-            explained = true;
+          if (starters.size() == 1 && starters[0]->t_gone && starters[0]->t_gone < s.t_barrier) {
+            required.insert(starters[0]);
           }
         }
       }
-      if (!explained && miss.gated) {
-        // The permission gate drops tasks while the system service is away.
-        for (const SysOutage& o : outages) {
-          const int64_t up = o.t_up == 0 ? INT64_MAX : o.t_up + kGateSlackNs;
-          if (o.t_down - kGateSlackNs <= miss.t_due && miss.t_send <= up) explained = true;
-        }
-      }
-      if (explained) {
-        ++tally.lost_explained;
-        continue;
-      }
-      // Name the nearest events, for whoever reads the failure.
-      std::string context;
-      for (const SysOutage& o : outages) {
-        if (o.t_down <= miss.t_due + 5 * kSec && (o.t_up == 0 || o.t_up + 5 * kSec >= miss.t_send)) {
-          context += "; system service down " + secs(o.t_down, origin) + " to " +
-                     (o.t_up == 0 ? std::string("the end") : secs(o.t_up, origin));
-        }
-      }
-      if (it != slots.end()) {
-        for (const Incarnation* inc : it->second) {
-          if (inc->t_kill != 0 && inc->t_kill + 5 * kSec >= miss.t_send &&
-              inc->t_kill <= miss.t_send + 5 * kSec) {
-            context += "; " + inc_name(*inc) + " killed " + secs(inc->t_kill, origin);
-          }
-        }
-      }
-      failures.add("tasks", std::string(miss.gated ? "gated" : "echo") + " task to slot " +
-                                std::to_string(miss.slot) + " sent at " +
-                                secs(miss.t_send, origin) + " (due by " +
-                                secs(miss.t_due, origin) +
-                                ") got no answer, with no plugin death or outage to explain it" +
-                                context);
-    }
-    for (const TaskMiss& miss : w.unserved) {
-      bool explained = false;
-      auto it = slots.find(miss.slot);
-      if (it != slots.end()) {
-        const auto& list = it->second;
-        for (size_t i = 0; i < list.size(); ++i) {
-          // The slot had no registered plugin from this death until the
-          // next incarnation was ready.
-          const int64_t next_ready = i + 1 < list.size() ? list[i + 1]->t_ready : 0;
-          if (list[i]->t_kill != 0 && list[i]->t_kill <= miss.t_answer &&
-              (next_ready == 0 || next_ready >= miss.t_send)) {
-            explained = true;
-          }
-        }
-      }
-      if (explained) {
-        ++tally.unserved_explained;
-      } else {
-        failures.add("tasks", "task to slot " + std::to_string(miss.slot) + " sent at " +
-                                  secs(miss.t_send, origin) +
-                                  " was answered \"no plugin serves the pair\" (-5) while one did");
+      for (const Incarnation* inc : required) {
+        ++required_total;
+        if (heard.count(inc) != 0) continue;
+        fail(" was started by " + inc->name() + ", killed at " + at(inc->t_kill, all) +
+             ", forgotten at " + at(inc->t_gone, all) + ", yet no crash notice came by " +
+             at(s.t_barrier, all));
       }
     }
   }
-  return tally;
+  return required_total;
 }
 
-DumpTally check_state_dump(const Json::Value& status, const DumpExpectation& expect,
-                           FailureLog& failures) {
-  DumpTally tally;
-  const std::string when = " (" + expect.label + ")";
-  const Json::Value& state = status["state"];
+void check_task_misses(const Incarnations& all, const std::vector<ClientState>& clients,
+                       const std::vector<Outage>& outages, Failures& failures) {
+  for (const ClientState& client : clients) {
+    for (const TaskMiss& miss : client.misses) {
+      const std::vector<Incarnation>& slot = all[miss.slot];
+      bool explained = false;
+      for (size_t i = 0; i < slot.size(); ++i) {
+        const Incarnation& inc = slot[i];
+        const int64_t next_ready = i + 1 < slot.size() ? slot[i + 1].t_ready : 0;
+        // A -5 while the slot had no registered plugin, from a death until
+        // the next incarnation was ready. A lost task: its plugin died
+        // before answering, or was dead but not yet forgotten when the task
+        // came (such tasks are dropped by design).
+        explained = explained || (miss.t_answer != 0
+                                      ? inc.t_kill && inc.t_kill <= miss.t_answer &&
+                                            (next_ready == 0 || next_ready >= miss.t_send)
+                                      : inc.t_kill && inc.t_kill <= miss.t_send + kTaskTimeoutNs &&
+                                            (!inc.t_gone || inc.t_gone + kSlackNs >= miss.t_send));
+      }
+      // The permission gate drops tasks while the system service is away.
+      for (const auto& [down, up] : outages) {
+        explained =
+            explained || (miss.gated && miss.t_answer == 0 && down - kSlackNs <= miss.t_due &&
+                          (up == 0 || miss.t_send <= up + kSlackNs));
+      }
+      if (explained) continue;
+      failures.add("tasks",
+                   std::string(miss.gated ? "gated" : "echo") + " task to slot " +
+                       std::to_string(miss.slot) + " sent at " + at(miss.t_send, all) +
+                       (miss.t_answer ? " was answered -5 while a plugin served it"
+                                      : " was lost with no death or outage to explain it"));
+    }
+  }
+}
+
+void check_state_dump(const Json::Value& status, const DumpExpectation& expect,
+                      Failures& failures) {
+  auto fail = [&](const std::string& detail) {
+    failures.add("no leftovers", detail + " (" + expect.label + ")");
+  };
   std::map<int32_t, const Incarnation*> by_id;
-  for (const Incarnation& inc : expect.incarnations) by_id[inc.service_id] = &inc;
-  std::map<uint32_t, const SessionRecord*> live;
-  for (const SessionRecord& s : expect.live_sessions) live[s.id] = &s;
-  const std::set<int32_t> live_ids(expect.live_service_ids.begin(), expect.live_service_ids.end());
+  std::set<int32_t> live;  // service ids of the running plugins
+  for (const auto& slot : expect.incarnations) {
+    for (const Incarnation& inc : slot) by_id[inc.service_id] = &inc;
+    if (!slot.empty() && slot.back().t_ready != 0 && slot.back().t_kill == 0) {
+      live.insert(slot.back().service_id);
+    }
+  }
+  std::map<uint32_t, const SessionRecord*> open;
+  for (const SessionRecord& s : expect.open_sessions) open[s.id] = &s;
 
-  // Plugins: exactly the running ones, each ready with its one pair.
-  std::map<int32_t, std::set<uint32_t>> started_by;
+  // Plugins: exactly the running ones, each ready with its one pair, and
+  // none keeps a session whose end it acknowledged.
+  std::map<uint32_t, std::set<uint32_t>> started_in_slot;  // by running plugins
   std::set<int32_t> listed;
-  for (const Json::Value& p : state["plugins"]) {
+  for (const Json::Value& p : status["state"]["plugins"]) {
     const int32_t id = p["service_id"].asInt();
     listed.insert(id);
-    auto inc = by_id.find(id);
-    const std::string name =
-        inc != by_id.end() ? inc_name(*inc->second) : "service id " + std::to_string(id);
-    if (live_ids.count(id) == 0) {
-      failures.add("no leftovers", name + " is gone but still listed" + when);
+    if (live.count(id) == 0 || by_id.count(id) == 0) {
+      fail("service id " + std::to_string(id) + " is gone but still listed");
       continue;
     }
+    const Incarnation& inc = *by_id[id];
     uint32_t slot = 0;
     if (p["died"].asBool() || p["state"].asInt() != 3 || p["pairs"].size() != 1 ||
-        !read_slot(p["pairs"][0], &slot) || slot != inc->second->slot ||
+        !read_slot(p["pairs"][0]["opcode"].asString(), &slot) || slot != inc.slot ||
         !p["pairs"][0]["ready"].asBool()) {
-      failures.add("no leftovers", name + " is listed wrongly" + when + ": " +
-                                       json_text(p).substr(0, 300));
+      fail(inc.name() + " is listed wrongly: " + text_of(p));
     }
     for (const Json::Value& sid : p["started_sessions"]) {
-      const uint32_t session = sid.asUInt();
-      started_by[id].insert(session);
-      if (live.count(session) != 0) continue;
-      if (inc->second->ends.count(session) != 0) {
-        failures.add("no leftovers", name + " still lists session " + std::to_string(session) +
-                                         " as started although it acknowledged its end" + when);
-      } else {
-        ++tally.stale_started;
+      started_in_slot[inc.slot].insert(sid.asUInt());
+      if (open.count(sid.asUInt()) == 0 && inc.ends.count(sid.asUInt()) != 0) {
+        fail(inc.name() + " still lists session " + sid.asString() + " whose end it acknowledged");
       }
     }
   }
-  for (int32_t id : live_ids) {
-    if (listed.count(id) == 0) {
-      failures.add("no leftovers", "running service id " + std::to_string(id) + " is not listed" + when);
-    }
+  for (int32_t id : live) {
+    if (listed.count(id) == 0) fail("running service id " + std::to_string(id) + " is not listed");
   }
 
   // Sessions: every open one present and whole; nothing else but the
   // granted-only records that refused creations leave by design.
   std::set<uint32_t> seen;
-  for (const Json::Value& s : state["sessions"]) {
+  uint64_t granted_only = 0;
+  for (const Json::Value& s : status["state"]["sessions"]) {
     const uint32_t id = s["session_id"].asUInt();
-    auto it = live.find(id);
-    if (it == live.end()) {
-      const bool granted_only = !s["has_callback"].asBool() && !s.isMember("pid") &&
-                                s["plugins"].empty() && s["connected"].empty();
-      if (granted_only) {
-        ++tally.granted_only;
-      } else {
-        failures.add("no leftovers", "session " + std::to_string(id) +
-                                         " belongs to no open client but is still known" + when +
-                                         ": " + json_text(s).substr(0, 300));
-      }
+    const std::string name = "session " + std::to_string(id);
+    auto it = open.find(id);
+    if (it == open.end()) {
+      const bool bare = !s["has_callback"].asBool() && !s.isMember("pid") && s["plugins"].empty() &&
+                        s["connected"].empty();
+      granted_only += bare ? 1 : 0;
+      if (!bare) fail(name + " belongs to no open client but is still known: " + text_of(s));
       continue;
     }
     seen.insert(id);
-    const SessionRecord& rec = *it->second;
-    if (!s["has_callback"].asBool() || s["pid"].asInt() != rec.pid || s["uid"].asUInt() != rec.uid) {
-      failures.add("no leftovers", "open session " + std::to_string(id) + " is listed wrongly" +
-                                       when + ": " + json_text(s).substr(0, 300));
+    if (!s["has_callback"].asBool() || s["pid"].asInt() != it->second->pid ||
+        s["uid"].asUInt() != it->second->uid) {
+      fail("open " + name + " is listed wrongly: " + text_of(s));
     }
     for (const Json::Value& svc : s["plugins"]) {
-      if (live_ids.count(svc.asInt()) == 0) {
-        failures.add("no leftovers", "open session " + std::to_string(id) +
-                                         " still names gone service id " +
-                                         std::to_string(svc.asInt()) + when);
+      if (live.count(svc.asInt()) == 0) {
+        fail("open " + name + " still names gone service id " + svc.asString());
       }
     }
     for (const Json::Value& pair : s["connected"]) {
       uint32_t slot = 0;
-      bool served = false;
-      if (read_slot(pair, &slot)) {
-        for (int32_t svc : live_ids) {
-          auto inc = by_id.find(svc);
-          if (inc != by_id.end() && inc->second->slot == slot && started_by[svc].count(id) != 0) {
-            served = true;
-          }
-        }
-      }
-      if (!served) {
-        failures.add("no leftovers", "open session " + std::to_string(id) + " lists pair " +
-                                         json_text(pair) +
-                                         " as connected, but no running plugin started it" + when);
+      if (!read_slot(pair["opcode"].asString(), &slot) || started_in_slot[slot].count(id) == 0) {
+        fail("open " + name + " lists pair " + text_of(pair) + " that no running plugin started");
       }
     }
   }
-  for (const auto& entry : live) {
-    if (seen.count(entry.first) == 0) {
-      failures.add("no leftovers",
-                   "open session " + std::to_string(entry.first) + " is missing" + when);
-    }
+  for (const auto& entry : open) {
+    if (seen.count(entry.first) == 0)
+      fail("open session " + std::to_string(entry.first) + " is missing");
   }
-  if (tally.granted_only > expect.failed_creates) {
-    failures.add("no leftovers", std::to_string(tally.granted_only) +
-                                     " granted-only session records, but only " +
-                                     std::to_string(expect.failed_creates) +
-                                     " creations were refused" + when);
+  if (granted_only > expect.refused_creates) {
+    fail(std::to_string(granted_only) + " granted-only session records after " +
+         std::to_string(expect.refused_creates) + " refused creations");
   }
   if (status["clients"].asUInt64() != expect.clients ||
-      status["owned_sessions"].asUInt64() != expect.live_sessions.size()) {
-    failures.add("no leftovers", "the daemon counts " + json_text(status["clients"]) +
-                                     " clients and " + json_text(status["owned_sessions"]) +
-                                     " owned sessions, expected " + std::to_string(expect.clients) +
-                                     " and " + std::to_string(expect.live_sessions.size()) + when);
+      status["owned_sessions"].asUInt64() != expect.open_sessions.size()) {
+    fail("the daemon counts " + text_of(status["clients"]) + " clients and " +
+         text_of(status["owned_sessions"]) + " owned sessions, not " +
+         std::to_string(expect.clients) + " and " + std::to_string(expect.open_sessions.size()));
   }
   if (!status["sys_alive"].asBool() || !status["ready"].asBool()) {
-    failures.add("daemon alive", "status says sys_alive " + json_text(status["sys_alive"]) +
-                                     ", ready " + json_text(status["ready"]) + when);
-  }
-  return tally;
-}
-
-std::set<uint32_t> unowned_notice_drops(const std::string& log) {
-  std::set<uint32_t> ended, out;
-  std::istringstream in(log);
-  std::string line;
-  const std::string ending = "; ending session ";
-  const std::string dropped = "no client owns session ";
-  const std::string notice_tail = "; dropped kind 2 callback (error 1)";
-  while (std::getline(in, line)) {
-    size_t at = line.find(ending);
-    if (at != std::string::npos) {
-      ended.insert(static_cast<uint32_t>(std::strtoul(line.c_str() + at + ending.size(), nullptr, 10)));
-      continue;
-    }
-    at = line.find(dropped);
-    if (at == std::string::npos || line.find(notice_tail) == std::string::npos) continue;
-    const uint32_t id =
-        static_cast<uint32_t>(std::strtoul(line.c_str() + at + dropped.size(), nullptr, 10));
-    if (ended.count(id) == 0) out.insert(id);
-  }
-  return out;
-}
-
-void check_sanitizer_output(const std::string& dir, const std::vector<std::string>& outputs,
-                            FailureLog& failures) {
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d)) {
-      const std::string name = e->d_name;
-      if (name == "." || name == "..") continue;
-      const std::string text = lumokit::e2e::read_file(dir + "/" + name);
-      if (text.empty()) continue;
-      failures.add("sanitizers", dir + "/" + name + ": " + text.substr(0, 400));
-    }
-    closedir(d);
-  }
-  static const char* const kMarks[] = {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
-                                       "WARNING: ThreadSanitizer", "runtime error:"};
-  for (const std::string& path : outputs) {
-    const std::string text = lumokit::e2e::read_file(path);
-    for (const char* mark : kMarks) {
-      size_t at = text.find(mark);
-      if (at != std::string::npos) {
-        failures.add("sanitizers", path + ": " + text.substr(at, 300));
-        break;
-      }
-    }
+    failures.add("daemon alive", "status says sys_alive " + text_of(status["sys_alive"]) +
+                                     ", ready " + text_of(status["ready"]));
   }
 }
 
