@@ -5,7 +5,6 @@
 // while it runs, the client threads, and the checks run at the end.
 #pragma once
 
-#include <json/json.h>
 #include <time.h>
 
 #include <atomic>
@@ -17,6 +16,8 @@
 #include <set>
 #include <string>
 #include <vector>
+
+#include <json/json.h>
 
 namespace lumokit::soak {
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cinttypes>
+#include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <random>
@@ -59,7 +60,6 @@ class Client {
         to_create_ = kSessions / kClients + (index_ < kSessions % kClients ? 1 : 0);
         create_at_ = now;
         disconnect_at_ = now + jitter(kLifeMs);
-        drain_barrier_done_ = false;
       }
       if (fd_ < 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -163,7 +163,7 @@ class Client {
           return send_control(Control::kReattach, id);
         }
       }
-    } else if (phase == Phase::kDrain && !drain_barrier_done_ && quiet()) {
+    } else if (phase == Phase::kDrain && !out_.drained && quiet()) {
       send_control(Control::kBarrier, any_session);
     }
   }
@@ -318,10 +318,9 @@ class Client {
     const Phase phase = now_phase();
     if (phase == Phase::kRun && mono_ns() >= disconnect_at_) {
       disconnect(false);
-    } else if (phase == Phase::kDrain && !drain_barrier_done_ && quiet()) {
+    } else if (phase == Phase::kDrain && !out_.drained && quiet()) {
       // A barrier sent for a disconnect in the run counts only when nothing
       // is outstanding; otherwise the drain sends its own.
-      drain_barrier_done_ = true;
       publish();
     }
   }
@@ -401,7 +400,6 @@ class Client {
   uint32_t next_handle_ = 1;
   uint32_t to_create_ = 0;
   int64_t create_at_ = 0, disconnect_at_ = 0;
-  bool drain_barrier_done_ = false;
 };
 
 }  // namespace

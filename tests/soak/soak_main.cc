@@ -225,10 +225,20 @@ class Rig {
     }
   }
 
-  // Checks the state dump once it holds, or as it is after 60 s (the daemon
-  // ends the sessions of departed clients in the background); the dump is
-  // kept in the work directory as `save_as`.
-  void check_dump(DumpExpectation expect, const std::string& save_as) {
+  // Checks the state dump with the drained clients connected, or after they
+  // left: once it holds, or as it is after 60 s (the daemon ends the sessions
+  // of departed clients in the background). The dump stays in the work
+  // directory.
+  void check_dump(std::vector<ClientState>& clients, bool connected) {
+    DumpExpectation expect;
+    expect.label = connected ? "with clients" : "after the clients left";
+    for (ClientState& c : clients) {
+      std::lock_guard<std::mutex> lock(c.mtx);
+      const auto& open = connected ? c.open_sessions : std::vector<SessionRecord>();
+      expect.open_sessions.insert(expect.open_sessions.end(), open.begin(), open.end());
+      expect.refused_creates += c.creates_refused;
+      expect.clients += connected && c.connected ? 1 : 0;
+    }
     Json::Value reply;
     for (const int64_t deadline = mono_ns() + 60 * kSec;;) {
       if (!status(&reply)) return;
@@ -239,7 +249,8 @@ class Rig {
       if (scratch.items.empty() || mono_ns() > deadline) break;
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
-    std::ofstream(root + "/" + save_as) << write_json(reply) << "\n";
+    std::ofstream(root + "/status-" + (connected ? "with" : "after") + "-clients.json")
+        << write_json(reply) << "\n";
     check_state_dump(reply, expect, failures_);
   }
 
@@ -485,17 +496,8 @@ int main(int argc, char** argv) {
            !drained() && mono_ns() < deadline && rig.daemon_alive();) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
       }
-      DumpExpectation expect;
-      expect.label = "with clients";
-      for (ClientState& c : clients) {
-        std::lock_guard<std::mutex> lock(c.mtx);
-        expect.open_sessions.insert(expect.open_sessions.end(), c.open_sessions.begin(),
-                                    c.open_sessions.end());
-        expect.refused_creates += c.creates_refused;
-        expect.clients += c.connected ? 1 : 0;
-      }
       if (drained()) {
-        rig.check_dump(expect, "status-with-clients.json");
+        rig.check_dump(clients, true);
       } else {
         failures.add("daemon alive", "clients could not settle their tasks in time");
       }
@@ -504,10 +506,7 @@ int main(int argc, char** argv) {
     for (std::thread& t : threads) t.join();
 
     if (rig.daemon_alive()) {
-      DumpExpectation expect;
-      expect.label = "after the clients left";
-      for (ClientState& c : clients) expect.refused_creates += c.creates_refused;
-      rig.check_dump(expect, "status-after-clients.json");
+      rig.check_dump(clients, false);
       // A few threads and descriptors come and go with admin connections
       // and system-service notices; anything beyond stays behind.
       int64_t threads_now = -1, fds_now = -1;
