@@ -57,4 +57,10 @@ std::string start_manager(bool log_on) {
   return path;
 }
 
+bool start_manager(bool log_on, std::string* socket, std::string* error) {
+  *socket = start_manager(log_on);
+  if (socket->empty()) *error = "manager did not start";
+  return !socket->empty();
+}
+
 }  // namespace bench

@@ -11,6 +11,8 @@ namespace bench {
 // failure. With `log_on` the manager's log is written at info level to
 // /dev/null (the cost of formatting and writing it); otherwise it is silent.
 std::string start_manager(bool log_on);
+// The same for a scenario: false with `error` set when the manager did not start.
+bool start_manager(bool log_on, std::string* socket, std::string* error);
 
 // Removes the socket file and its directory. The manager's threads cannot be
 // stopped, so scenario processes end with _exit after this.

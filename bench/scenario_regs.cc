@@ -17,11 +17,8 @@ Result run_registrations() {
   constexpr int kWarmup = 100;
   constexpr int kRounds = 2000;
   Result r;
-  const std::string socket = start_manager(false);
-  if (socket.empty()) {
-    r.error = "manager did not start";
-    return r;
-  }
+  std::string socket;
+  if (!start_manager(false, &socket, &r.error)) return r;
   int out[2];
   if (pipe2(out, O_CLOEXEC) != 0) {
     r.error = "pipe failed";

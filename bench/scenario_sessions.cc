@@ -15,11 +15,8 @@ constexpr int kCreateMeasured = 400;
 
 Result run_create(int plugins) {
   Result r;
-  const std::string socket = start_manager(false);
-  if (socket.empty()) {
-    r.error = "manager did not start";
-    return r;
-  }
+  std::string socket;
+  if (!start_manager(false, &socket, &r.error)) return r;
   std::vector<pid_t> pids;
   if (!start_plugins(socket, kBaseOpcode, plugins, 1, true, &pids, &r.error)) return r;
   std::vector<int64_t> lat;
@@ -55,11 +52,8 @@ Result run_create_8() { return run_create(8); }
 Result run_mem_plugins() {
   constexpr int kPlugins = 64;
   Result r;
-  const std::string socket = start_manager(false);
-  if (socket.empty()) {
-    r.error = "manager did not start";
-    return r;
-  }
+  std::string socket;
+  if (!start_manager(false, &socket, &r.error)) return r;
   std::vector<pid_t> pids;
   // One plugin first, so that one-time costs (token check tables, the first
   // thread arenas) are not charged to the measured ones.
@@ -84,11 +78,8 @@ Result run_mem_sessions() {
   constexpr int kSessions = 1000;
   constexpr int kWarmup = 50;
   Result r;
-  const std::string socket = start_manager(false);
-  if (socket.empty()) {
-    r.error = "manager did not start";
-    return r;
-  }
+  std::string socket;
+  if (!start_manager(false, &socket, &r.error)) return r;
   std::vector<pid_t> pids;
   if (!start_plugins(socket, kBaseOpcode, 1, 1, true, &pids, &r.error)) return r;
   long before = -1;

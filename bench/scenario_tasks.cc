@@ -13,11 +13,8 @@ namespace {
 
 Result run_tasks(size_t sessions, int plugins, uint32_t per_session, uint32_t window, bool log_on) {
   Result r;
-  const std::string socket = start_manager(log_on);
-  if (socket.empty()) {
-    r.error = "manager did not start";
-    return r;
-  }
+  std::string socket;
+  if (!start_manager(log_on, &socket, &r.error)) return r;
   Load load;
   if (!start_plugins(socket, kBaseOpcode, plugins, 1, true, &load.peers, &r.error)) return r;
   for (size_t i = 0; i < sessions; ++i) {
