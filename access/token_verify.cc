@@ -128,14 +128,29 @@ std::string token_text(const Json::Value& message) {
   return text;
 }
 
+int hex_digit_value(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
 // Two characters per byte through the standard base-16 conversion; false
-// when a pair holds no hex digit (the conversion throws).
+// when a pair holds no hex digit (the conversion throws). Two plain digits,
+// the usual case, are decoded directly; anything else keeps the
+// conversion's own leniency (a sign, a lone digit, a trailing odd one).
 bool decode_pairs(const std::string& text, std::string* bytes) {
   bytes->clear();
   bytes->reserve(text.size() / 2 + 1);
   std::string pair;
   try {
     for (size_t i = 0; i < text.size(); i += 2) {
+      const int high = hex_digit_value(text[i]);
+      const int low = i + 1 < text.size() ? hex_digit_value(text[i + 1]) : -1;
+      if (high >= 0 && low >= 0) {
+        bytes->push_back(static_cast<char>(high << 4 | low));
+        continue;
+      }
       pair.assign(text, i, 2);
       bytes->push_back(static_cast<char>(std::stoul(pair, nullptr, 16) & 0xFFu));
     }

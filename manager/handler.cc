@@ -12,6 +12,7 @@
 #include <cstring>
 #include <memory>
 #include <set>
+#include <utility>
 
 #include "LumoManager.h"
 #include "LumoSysAccess.h"
@@ -98,7 +99,9 @@ void handle_init(Connection& c) {
   send_reply(c);
 }
 
-void handle_auth(Connection& c, const Json::Value& root) {
+// The message is handed over to the registration, which takes it by value:
+// moved, the token text and definitions are not copied.
+void handle_auth(Connection& c, Json::Value& root) {
   std::string opcode_text;
   unsigned int opcode = 0;
   const bool valid = read_opcode(root, &opcode_text, &opcode);
@@ -109,14 +112,14 @@ void handle_auth(Connection& c, const Json::Value& root) {
       __android_log_print(ANDROID_LOG_ERROR, kTagLink,
                           "Failed to authenticate the LUMOKIT ONE token.");
     } else {
-      result = register_client(static_cast<int>(service_id), opcode, root);
+      result = register_client(static_cast<int>(service_id), opcode, std::move(root));
     }
   }
   set_opcode_reply(c, "AUTH", opcode_text, result);
   send_reply(c);
 }
 
-void handle_regs(Connection& c, const Json::Value& root) {
+void handle_regs(Connection& c, Json::Value& root) {
   __android_log_print(ANDROID_LOG_ERROR, kTagLink,
                       "Warning: Recieved useage of lumo_svc_register.API will be deprecated in "
                       "favor of lumo_svc_register_auth API");
@@ -124,7 +127,8 @@ void handle_regs(Connection& c, const Json::Value& root) {
   unsigned int opcode = 0;
   const bool valid = read_opcode(root, &opcode_text, &opcode);
   const uint32_t service_id = json_uint(root, "Service_Id", 0);
-  const int result = valid ? register_client(static_cast<int>(service_id), opcode, root) : -1;
+  const int result =
+      valid ? register_client(static_cast<int>(service_id), opcode, std::move(root)) : -1;
   set_opcode_reply(c, "REGS", opcode_text, result);
   send_reply(c);
 }

@@ -1,6 +1,7 @@
 // Registration of a plugin's API definitions, and the teardown of everything
 // a plugin registered when its connection ends.
 #include <android/log.h>
+#include <utility>
 
 #include "Service.h"
 #include "json_read.h"
@@ -9,7 +10,7 @@
 int register_client(int svc_id, unsigned int opcode, Json::Value def) {
   std::shared_ptr<Service> svc = find_in_service_map(svc_id);
   if (!svc || svc->get_svc_hal_state() == SVC_HAL_GONE || svc->get_svc_hal_died()) return -1;
-  if (process_json(opcode, def, svc) != 0) return -1;
+  if (process_json(opcode, std::move(def), svc) != 0) return -1;
   // A plugin registering more after its first "REDY" stays ready: its sender
   // runs, and its connection keeps the large receive limit.
   if (svc->get_svc_hal_state() != SVC_HAL_READY) svc->set_svc_hal_state(SVC_HAL_REGISTERED);
@@ -18,7 +19,8 @@ int register_client(int svc_id, unsigned int opcode, Json::Value def) {
 
 int process_json(unsigned int opcode, Json::Value def, std::shared_ptr<Service> svc) {
   static const Json::Value kNoEntries(Json::arrayValue);
-  const Json::Value& apis = def.isObject() ? def["api_def"] : kNoEntries;
+  const Json::Value& read_only = def;  // a lookup that adds no member
+  const Json::Value& apis = def.isObject() ? read_only["api_def"] : kNoEntries;
   if (!apis.isArray() && !apis.isObject()) return 0;
 
   for (const Json::Value& entry : apis) {

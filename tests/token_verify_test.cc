@@ -164,6 +164,16 @@ TEST_F(TokenTest, VerdictAndReasonForEachKindOfToken) {
   listed.append(good);
   std::string bad_pair = good;
   bad_pair.replace(600, 2, "zz");
+  // A signed byte below 0x10 written as "+d" and as "dg": the base-16
+  // conversion reads both as the digit alone, so the token stays valid.
+  std::string signed_pair = good, digit_pair = good;
+  for (size_t i = 512; i + 1 < good.size(); i += 2) {
+    if (good[i] != '0') continue;
+    signed_pair.replace(i, 2, std::string("+") + good[i + 1]);
+    digit_pair.replace(i, 2, std::string(1, good[i + 1]) + "g");
+    break;
+  }
+  ASSERT_NE(signed_pair, good) << "no signed byte below 0x10 to rewrite";
   // From the tool: one token for two opcodes, one definition file holding the
   // array itself (spaced), the other a whole message; and one token signed
   // with a key of its own, which the owner's verify accepts.
@@ -216,6 +226,8 @@ TEST_F(TokenTest, VerdictAndReasonForEachKindOfToken) {
       {"token missing", auth_message(Json::Value(), "26", camera), "Invalid token."},
       {"token not text", auth_message(listed, "26", camera), "Invalid token."},
       {"pair without hex digit", auth_message(bad_pair, "26", camera), "Invalid token."},
+      {"pair with a sign", auth_message(signed_pair, "26", camera), nullptr},
+      {"pair with one digit", auth_message(digit_pair, "26", camera), nullptr},
       // Exactly 512 digits: long enough, covers nothing.
       {"signed empty message", auth_message(sign_bytes(kKeyPem, ""), "26", camera), kNotFor26},
       {"signed bytes not a token",
