@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -24,6 +25,7 @@ const char* const kModes[] = {"default", "pinned"};
 
 struct Options {
   int reps = 5;
+  int cpu_latency_us = -1;  // a CPU latency request held for the run; -1: none
   std::string json_path;
   std::vector<std::string> only;
 };
@@ -33,6 +35,14 @@ bool parse(int argc, char** argv, Options* o) {
     const std::string a = argv[i];
     if (a == "--reps" && i + 1 < argc) {
       o->reps = std::atoi(argv[++i]);
+    } else if (a == "--cpu-latency-us" && i + 1 < argc) {
+      char* end = nullptr;
+      const long v = std::strtol(argv[++i], &end, 10);
+      if (end == argv[i] || *end != '\0' || v < 0 || v > 1000000) {
+        fprintf(stderr, "lumokit_bench: --cpu-latency-us wants microseconds from 0 to 1000000\n");
+        return false;
+      }
+      o->cpu_latency_us = static_cast<int>(v);
     } else if (a == "--json" && i + 1 < argc) {
       o->json_path = argv[++i];
     } else if (a == "--only" && i + 1 < argc) {
@@ -47,7 +57,7 @@ bool parse(int argc, char** argv, Options* o) {
       }
     } else {
       fprintf(stderr,
-              "usage: lumokit_bench [--reps N] [--json PATH] [--only NAME,...]\n"
+              "usage: lumokit_bench [--reps N] [--json PATH] [--only NAME,...] [--cpu-latency-us N]\n"
               "       (internal: --scenario NAME, --role ROLE ...)\n");
       return false;
     }
@@ -77,6 +87,38 @@ int64_t children_cpu_ns() {
 }
 
 Result run_process(const std::string& name, bool pinned);
+
+std::string read_line(const char* path) {
+  std::ifstream in(path);
+  std::string line;
+  std::getline(in, line);
+  return in || !line.empty() ? line : "?";
+}
+
+// How idle CPUs sleep decides what waking a thread on another CPU costs,
+// which dominates every unpinned figure with a hand-off between threads.
+Json::Value machine_facts(int cpu_latency_us) {
+  Json::Value m(Json::objectValue);
+  m["cpus"] = static_cast<Json::Int64>(sysconf(_SC_NPROCESSORS_ONLN));
+  m["cpuidle_driver"] = read_line("/sys/devices/system/cpu/cpuidle/current_driver");
+  m["cpuidle_governor"] = read_line("/sys/devices/system/cpu/cpuidle/current_governor");
+  m["guest_halt_poll_ns"] = read_line("/sys/module/haltpoll/parameters/guest_halt_poll_ns");
+  m["cpu_latency_request_us"] = cpu_latency_us;
+  return m;
+}
+
+// A CPU latency request (PM QoS) keeps idle CPUs in shallow states while
+// the descriptor stays open; the kernel drops it when this process ends.
+int hold_cpu_latency(int us) {
+  const int fd = open("/dev/cpu_dma_latency", O_WRONLY | O_CLOEXEC);
+  if (fd < 0) return -1;
+  const int32_t value = us;
+  if (write(fd, &value, sizeof(value)) != static_cast<ssize_t>(sizeof(value))) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
 
 // One scenario process, and how busy the rest of the machine was meanwhile:
 // the machine's busy time less the time of our own (reaped) process tree.
@@ -240,6 +282,15 @@ int run_driver(int argc, char** argv) {
       list.push_back(&s);
     }
   }
+  int latency_fd = -1;
+  if (opt.cpu_latency_us >= 0) {
+    latency_fd = hold_cpu_latency(opt.cpu_latency_us);
+    if (latency_fd < 0) {
+      fprintf(stderr, "lumokit_bench: cannot hold a CPU latency request (/dev/cpu_dma_latency: %s)\n",
+              std::strerror(errno));
+      return 1;
+    }
+  }
   const int64_t started = now_ns();
   const bool progress = isatty(STDERR_FILENO);
   std::map<std::string, std::map<std::string, std::vector<Result>>> runs;
@@ -248,6 +299,7 @@ int run_driver(int argc, char** argv) {
   for (int rep = 0; rep < opt.reps; ++rep) {
     for (const char* mode : kModes) {
       for (const Scenario* s : list) {
+        if (s->default_only && std::strcmp(mode, "pinned") == 0) continue;
         if (progress) fprintf(stderr, "\r[%d/%d] %-8s %-14s", rep + 1, opt.reps, mode, s->name);
         runs[s->name][mode].push_back(run_once(s->name, std::strcmp(mode, "pinned") == 0));
       }
@@ -261,17 +313,23 @@ int run_driver(int argc, char** argv) {
     for (auto& m : s.second) table[s.first][m.first] = aggregate(m.second);
   }
 
+  const Json::Value machine = machine_facts(opt.cpu_latency_us);
   printf("lumokit_bench: median of %d runs per figure, each run a fresh process tree; p50/p99 over one run's\n"
          "operations. pinned = whole process tree under taskset -c 0. CPU us/op counts every process of the\n"
-         "run. other = CPUs (of %ld) kept busy by processes outside the benchmark meanwhile: noise.\n\n",
-         opt.reps, sysconf(_SC_NPROCESSORS_ONLN));
+         "run. other = CPUs (of %ld) kept busy by processes outside the benchmark meanwhile: noise.\n"
+         "Idle CPUs: %s/%s, guest halt-polling %s ns, CPU latency request %s.\n\n",
+         opt.reps, sysconf(_SC_NPROCESSORS_ONLN), machine["cpuidle_driver"].asCString(),
+         machine["cpuidle_governor"].asCString(), machine["guest_halt_poll_ns"].asCString(),
+         opt.cpu_latency_us < 0 ? "none" : (std::to_string(opt.cpu_latency_us) + " us").c_str());
   printf("%-50s %-7s %9s %9s %10s %9s %9s %6s\n", "figure", "sched", "p50 us", "p99 us", "ops/s", "CPU us/op",
          "KiB/item", "other");
   Json::Value report(Json::objectValue);
   report["repetitions"] = opt.reps;
+  report["machine"] = machine;
   report["figures"] = Json::Value(Json::arrayValue);
   for (const Scenario* s : list) {
     for (const char* mode : kModes) {
+      if (s->default_only && std::strcmp(mode, "pinned") == 0) continue;
       const Result& m = table[s->name][mode];
       printf("%-50s %-7s", s->label, mode);
       if (!m.error.empty()) {
@@ -315,6 +373,17 @@ int run_driver(int argc, char** argv) {
     report["targets"].append(j);
   }
 
+  // Where the scheduler keeps RAW's two processes on one CPU, the unpinned
+  // RAW equals the pinned one while every path with more threads pays for
+  // waking the other CPU; this ratio is the fair one there.
+  const double e2e_default = fig(table, "e2e", "default", &Result::p50_us);
+  const double raw_xcpu = fig(table, "raw_xcpu", "default", &Result::p50_us);
+  if (e2e_default >= 0 && raw_xcpu > 0) {
+    printf("  (not a target) end to end via lumokitd p50 / RAW across CPUs p50, default: %.1f / %.1f = %.2f\n",
+           e2e_default, raw_xcpu, e2e_default / raw_xcpu);
+    report["e2e_over_raw_across_cpus"] = e2e_default / raw_xcpu;
+  }
+
   printf("\nManager log cost (log on at info level to /dev/null vs silent), task round trip p50:\n");
   report["log_cost_us"] = Json::Value(Json::objectValue);
   for (const char* mode : kModes) {
@@ -355,6 +424,16 @@ int run_driver(int argc, char** argv) {
              2 * raw + scans, scans);
       d["scans_us"] = scans;
     }
+    // perform_task hands the task to the plugin's sender thread through a
+    // condition variable: one hand-off that a socket round trip lacks.
+    const double wake = fig(table, "wake", mode, &Result::p50_us);
+    if (wake >= 0 && scan_client >= 0 && scan_task >= 0 && scan_answer >= 0) {
+      const double floor_us = 2 * raw + wake / 2 + scan_client + scan_task + scan_answer;
+      printf("  %-7s with the sender thread's hand-off (WAKE / 2 = %.1f): floor %.1f\n", mode, wake / 2,
+             floor_us);
+      d["handoff_us"] = wake / 2;
+      d["wire_handoff_scan_floor_us"] = floor_us;
+    }
     report["e2e_decomposition"][mode] = d;
   }
 
@@ -363,6 +442,7 @@ int run_driver(int argc, char** argv) {
   report["elapsed_s"] = elapsed;
   report["targets_missed"] = missed;
   report["targets_without_data"] = unknown;
+  if (latency_fd >= 0) close(latency_fd);
 
   if (!opt.json_path.empty()) {
     std::ofstream out(opt.json_path);

@@ -12,6 +12,8 @@ namespace bench {
 const std::vector<Scenario>& all_scenarios() {
   static const std::vector<Scenario> list = {
       {"raw", "RAW floor: 200 B text to a peer process and back", run_raw},
+      {"raw_xcpu", "RAW across CPUs: the two processes held apart", run_raw_xcpu, true},
+      {"wake", "WAKE floor: condvar hand-off to a thread and back", run_wake},
       {"shape_1", "SHAPE floor: 1 caller, 1 peer", run_shape_1},
       {"task_1x1", "task round trip: 1 session, 1 plugin", run_task_1x1},
       {"task_1x1_log", "task round trip, manager log on (info, /dev/null)", run_task_1x1_log},

@@ -3,7 +3,10 @@
 // from the same parts (caller parses the request with jsoncpp and queues it
 // under a mutex and condition variable, a sender thread sends, the peer
 // echoes, a receiver thread parses the answer with jsoncpp and calls the
-// callback).
+// callback). WAKE: what one hand-off through a condition variable costs,
+// the step of the SHAPE that a socket round trip does not have. RAW across
+// CPUs: RAW with its two processes held apart.
+#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -26,7 +29,17 @@
 
 namespace bench {
 
-Result run_raw() {
+namespace {
+
+bool set_cpu(pid_t pid, int cpu) {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  CPU_SET(cpu, &set);
+  return sched_setaffinity(pid, sizeof(set), &set) == 0;
+}
+
+// caller_cpu < 0: wherever the scheduler puts the two processes.
+Result raw_round_trips(int caller_cpu, int peer_cpu) {
   Result r;
   int sv[2];
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) != 0) {
@@ -36,12 +49,16 @@ Result run_raw() {
   pid_t peer = start_echo_peer(sv[1]);
   close(sv[1]);
   const int fd = sv[0];
+  if (caller_cpu >= 0 && (!set_cpu(0, caller_cpu) || !set_cpu(peer, peer_cpu))) {
+    r.error = "cannot place the two processes on CPUs " + std::to_string(caller_cpu) + " and " +
+              std::to_string(peer_cpu);
+  }
   const uint32_t n = kLatencyTasks * 2;
   std::vector<int64_t> lat;
   lat.reserve(n);
   char buf[4096];
   int64_t cpu0 = 0, t_start = 0;
-  for (uint32_t i = 0; i < kWarmupTasks + n; ++i) {
+  for (uint32_t i = 0; r.error.empty() && i < kWarmupTasks + n; ++i) {
     if (i == kWarmupTasks) {
       cpu0 = process_cpu_ns(getpid()) + process_cpu_ns(peer);
       t_start = now_ns();
@@ -67,6 +84,22 @@ Result run_raw() {
   r.ops_per_s = static_cast<double>(r.count) * 1e9 / static_cast<double>(wall);
   r.cpu_us_per_op = static_cast<double>(cpu) / 1000.0 / static_cast<double>(r.count);
   return r;
+}
+
+}  // namespace
+
+Result run_raw() { return raw_round_trips(-1, -1); }
+
+// The same round trip with the two processes held on different CPUs: every
+// message then wakes the other CPU, which is what a default-scheduled RAW
+// costs on a machine whose scheduler spreads the two processes.
+Result run_raw_xcpu() {
+  if (sysconf(_SC_NPROCESSORS_ONLN) < 2) {
+    Result r;
+    r.error = "needs two CPUs";
+    return r;
+  }
+  return raw_round_trips(0, 1);
 }
 
 namespace {
@@ -188,6 +221,58 @@ Result run_shape(size_t sessions, size_t links, uint32_t per_session, uint32_t w
 }
 
 }  // namespace
+
+// Two threads of one process pass a turn back and forth under a mutex and
+// condition variable: a round trip is two hand-offs. Where the kernel puts
+// the woken thread on an idle CPU, this is the price of waking that CPU.
+Result run_wake() {
+  Result r;
+  const uint32_t n = kLatencyTasks * 2;
+  std::mutex mtx;
+  std::condition_variable to_peer, to_caller;
+  int turn = 0;  // 1: the peer's, 0: the caller's, -1: stop
+  std::thread peer([&] {
+    std::unique_lock<std::mutex> lock(mtx);
+    for (;;) {
+      to_peer.wait(lock, [&] { return turn != 0; });
+      if (turn < 0) return;
+      turn = 0;
+      to_caller.notify_one();
+    }
+  });
+  std::vector<int64_t> lat;
+  lat.reserve(n);
+  int64_t cpu0 = 0, t_start = 0;
+  for (uint32_t i = 0; i < kWarmupTasks + n; ++i) {
+    if (i == kWarmupTasks) {
+      cpu0 = process_cpu_ns(getpid());
+      t_start = now_ns();
+    }
+    const int64_t t0 = now_ns();
+    {
+      std::unique_lock<std::mutex> lock(mtx);
+      turn = 1;
+      to_peer.notify_one();
+      to_caller.wait(lock, [&] { return turn == 0; });
+    }
+    if (i >= kWarmupTasks) lat.push_back(now_ns() - t0);
+  }
+  const int64_t wall = now_ns() - t_start;
+  const int64_t cpu = process_cpu_ns(getpid()) - cpu0;
+  {
+    std::lock_guard<std::mutex> lock(mtx);
+    turn = -1;
+  }
+  to_peer.notify_one();
+  peer.join();
+  const Percentiles p = percentiles(lat);
+  r.p50_us = p.p50_us;
+  r.p99_us = p.p99_us;
+  r.count = static_cast<int64_t>(lat.size());
+  r.ops_per_s = static_cast<double>(r.count) * 1e9 / static_cast<double>(wall);
+  r.cpu_us_per_op = static_cast<double>(cpu) / 1000.0 / static_cast<double>(r.count);
+  return r;
+}
 
 Result run_shape_1() { return run_shape(1, 1, kLatencyTasks, 1); }
 Result run_shape_4x4() { return run_shape(4, 4, kThroughputTasksPerSession, kThroughputWindow); }

@@ -29,6 +29,7 @@ struct Scenario {
   const char* name;
   const char* label;
   Result (*run)();
+  bool default_only = false;  // meaningless with every process on one CPU
 };
 const std::vector<Scenario>& all_scenarios();
 const Scenario* find_scenario(const std::string& name);
@@ -38,6 +39,8 @@ int run_scenario_process(const std::string& name);
 
 // The scenarios, by file.
 Result run_raw();
+Result run_raw_xcpu();
+Result run_wake();
 Result run_shape_1();
 Result run_shape_4x4();
 Result run_shape_4x1();
