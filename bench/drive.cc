@@ -75,13 +75,7 @@ Result drive(const Load& load, const Issue& issue) {
     r.error = m.error;
     return r;
   }
-  const Percentiles p = percentiles(m.latencies);
-  r.p50_us = p.p50_us;
-  r.p99_us = p.p99_us;
-  r.count = static_cast<int64_t>(m.latencies.size());
-  r.ops_per_s = static_cast<double>(r.count) * 1e9 / static_cast<double>(m.wall_ns);
-  r.cpu_us_per_op = static_cast<double>(m.cpu_ns) / 1000.0 / static_cast<double>(r.count);
-  return r;
+  return timed_result(std::move(m.latencies), m.wall_ns, m.cpu_ns);
 }
 
 }  // namespace bench

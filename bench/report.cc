@@ -3,7 +3,9 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <utility>
 
+#include "bench_util.h"
 #include "manager_host.h"
 #include "scenarios.h"
 
@@ -36,6 +38,17 @@ const std::vector<Scenario>& all_scenarios() {
       {"scan_client", "one-pass scan+decode: client message (lumokitd)", run_scan_client},
   };
   return list;
+}
+
+Result timed_result(std::vector<int64_t> durations_ns, int64_t wall_ns, int64_t cpu_ns) {
+  Result r;
+  r.count = static_cast<int64_t>(durations_ns.size());
+  const Percentiles p = percentiles(std::move(durations_ns));
+  r.p50_us = p.p50_us;
+  r.p99_us = p.p99_us;
+  if (r.count > 0 && wall_ns > 0) r.ops_per_s = static_cast<double>(r.count) * 1e9 / static_cast<double>(wall_ns);
+  if (r.count > 0 && cpu_ns >= 0) r.cpu_us_per_op = static_cast<double>(cpu_ns) / 1000.0 / static_cast<double>(r.count);
+  return r;
 }
 
 const Scenario* find_scenario(const std::string& name) {

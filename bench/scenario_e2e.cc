@@ -108,13 +108,7 @@ Result client_tasks(int client, const std::vector<pid_t>& cpu_pids) {
   }
   const int64_t cpu = tree_cpu() - cpu0;
   const int64_t wall = now_ns() - wall0;
-  const Percentiles p = percentiles(lat);
-  r.p50_us = p.p50_us;
-  r.p99_us = p.p99_us;
-  r.count = static_cast<int64_t>(lat.size());
-  r.ops_per_s = static_cast<double>(r.count) * 1e9 / static_cast<double>(wall);
-  r.cpu_us_per_op = static_cast<double>(cpu) / 1000.0 / static_cast<double>(r.count);
-  return r;
+  return timed_result(std::move(lat), wall, cpu);
 }
 
 struct Daemon {

@@ -77,13 +77,7 @@ Result raw_round_trips(int caller_cpu, int peer_cpu) {
   close(fd);
   wait_child(peer, 2000);
   if (!r.error.empty()) return r;
-  const Percentiles p = percentiles(lat);
-  r.p50_us = p.p50_us;
-  r.p99_us = p.p99_us;
-  r.count = static_cast<int64_t>(lat.size());
-  r.ops_per_s = static_cast<double>(r.count) * 1e9 / static_cast<double>(wall);
-  r.cpu_us_per_op = static_cast<double>(cpu) / 1000.0 / static_cast<double>(r.count);
-  return r;
+  return timed_result(std::move(lat), wall, cpu);
 }
 
 }  // namespace
@@ -226,7 +220,6 @@ Result run_shape(size_t sessions, size_t links, uint32_t per_session, uint32_t w
 // condition variable: a round trip is two hand-offs. Where the kernel puts
 // the woken thread on an idle CPU, this is the price of waking that CPU.
 Result run_wake() {
-  Result r;
   const uint32_t n = kLatencyTasks * 2;
   std::mutex mtx;
   std::condition_variable to_peer, to_caller;
@@ -265,13 +258,7 @@ Result run_wake() {
   }
   to_peer.notify_one();
   peer.join();
-  const Percentiles p = percentiles(lat);
-  r.p50_us = p.p50_us;
-  r.p99_us = p.p99_us;
-  r.count = static_cast<int64_t>(lat.size());
-  r.ops_per_s = static_cast<double>(r.count) * 1e9 / static_cast<double>(wall);
-  r.cpu_us_per_op = static_cast<double>(cpu) / 1000.0 / static_cast<double>(r.count);
-  return r;
+  return timed_result(std::move(lat), wall, cpu);
 }
 
 Result run_shape_1() { return run_shape(1, 1, kLatencyTasks, 1); }

@@ -36,12 +36,7 @@ Result run_create(int plugins) {
   }
   stop_children(&pids);
   if (!r.error.empty()) return r;
-  const Percentiles p = percentiles(lat);
-  r.p50_us = p.p50_us;
-  r.p99_us = p.p99_us;
-  r.count = static_cast<int64_t>(lat.size());
-  r.ops_per_s = static_cast<double>(r.count) * 1e9 / static_cast<double>(wall);
-  return r;
+  return timed_result(std::move(lat), wall, -1);
 }
 
 }  // namespace

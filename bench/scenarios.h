@@ -23,6 +23,9 @@ struct Result {
 };
 
 Json::Value to_json(const Result& r);
+// The figures of a run of timed operations: percentiles of their durations,
+// their rate over `wall_ns`, and `cpu_ns` spread over them (none when < 0).
+Result timed_result(std::vector<int64_t> durations_ns, int64_t wall_ns, int64_t cpu_ns);
 Result result_from_json(const Json::Value& v);
 
 struct Scenario {
