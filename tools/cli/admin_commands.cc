@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "daemon_link.h"
+#include "exit_codes.h"
 #include "ipc/json_text.h"
 #include "ipc/runtime_paths.h"
 #include "printing.h"
@@ -12,15 +13,6 @@ namespace lumokit::cli {
 namespace {
 
 using lumokit::ipc::ObjectWriter;
-
-constexpr int kOk = 0;
-constexpr int kFailed = 1;
-constexpr int kUsage = 2;
-
-int usage_error(const std::string& message) {
-  std::fprintf(stderr, "lumokit: %s\n", message.c_str());
-  return kUsage;
-}
 
 // Sends one admin request; prints the reply via `describe` (or raw JSON).
 int admin_call(const Settings& settings, const std::string& op, const std::string& request,

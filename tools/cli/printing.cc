@@ -4,9 +4,15 @@
 #include <mutex>
 #include <sstream>
 
+#include "exit_codes.h"
 #include "ipc/json_text.h"
 
 namespace lumokit::cli {
+
+int usage_error(const std::string& message) {
+  std::fprintf(stderr, "lumokit: %s\n", message.c_str());
+  return kUsage;
+}
 
 namespace {
 

@@ -3,20 +3,12 @@
 #include <cstdio>
 #include <thread>
 
+#include "exit_codes.h"
 #include "printing.h"
 
 namespace lumokit::cli {
 
 namespace {
-
-constexpr int kOk = 0;
-constexpr int kFailed = 1;
-constexpr int kUsage = 2;
-
-int usage_error(const std::string& message) {
-  std::fprintf(stderr, "lumokit: %s\n", message.c_str());
-  return kUsage;
-}
 
 int failure(const std::string& message) {
   std::fprintf(stderr, "lumokit: %s\n", message.c_str());
