@@ -157,12 +157,8 @@ std::string do_end_session(const Json::Value& msg) {
 
 std::string handle_admin_message(ConnectionRegistry& registry, const char* data, size_t length) {
   Json::Value msg;
-  std::string error;
-  if (!lumokit::ipc::parse_json(data, length, &msg, &error)) {
-    return error_message("request is not valid JSON: " + error);
-  }
-  std::string op;
-  if (!read_op(msg, &op, &error)) return error_message(error);
+  std::string op, error;
+  if (!read_request(data, length, &msg, &op, &error)) return error_message(error);
   if (op == "status") return do_status(registry);
   if (op == "get_property") return do_get_property(msg);
   if (op == "set_property") return do_set_property(msg);

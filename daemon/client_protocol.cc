@@ -147,12 +147,8 @@ std::string handle_client_message(ClientConnection& conn, const ClientPolicy& po
     return reply;
   }
   Json::Value msg;
-  std::string error;
-  if (!lumokit::ipc::parse_json(data, length, &msg, &error)) {
-    return error_message("request is not valid JSON: " + error);
-  }
-  std::string op;
-  if (!read_op(msg, &op, &error)) return error_message(error);
+  std::string op, error;
+  if (!read_request(data, length, &msg, &op, &error)) return error_message(error);
   if (op == "perform_task") return do_perform_task(conn, msg);
   if (op == "create_session") return do_create_session(conn, policy, msg);
   if (op == "cancel_session") return do_cancel_session(conn, msg);

@@ -1,5 +1,7 @@
 #include "message_fields.h"
 
+#include "ipc/json_text.h"
+
 namespace lumokitd {
 
 namespace {
@@ -71,6 +73,15 @@ bool read_op(const Json::Value& msg, std::string* op, std::string* error) {
     return false;
   }
   return read_string(msg, "op", true, op, error);
+}
+
+bool read_request(const char* data, size_t length, Json::Value* msg, std::string* op,
+                  std::string* error) {
+  if (!lumokit::ipc::parse_json(data, length, msg, error)) {
+    *error = "request is not valid JSON: " + *error;
+    return false;
+  }
+  return read_op(*msg, op, error);
 }
 
 }  // namespace lumokitd

@@ -2,6 +2,7 @@
 // that go back to the peer.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -24,5 +25,10 @@ bool read_bool(const Json::Value& msg, const char* name, bool required, bool* ou
 // The "op" member of a request; false with `error` when it is missing or
 // not a string, or when the request is not an object.
 bool read_op(const Json::Value& msg, std::string* op, std::string* error);
+
+// Parses a request and reads its "op"; false with `error` set to the text
+// that goes back when it is not JSON or has no usable "op".
+bool read_request(const char* data, size_t length, Json::Value* msg, std::string* op,
+                  std::string* error);
 
 }  // namespace lumokitd
