@@ -119,10 +119,16 @@ class HandedDaemon {
   pid_t pid_ = -1;
 };
 
-// A plugin that has said "INIT" on `socket`; 102 and up is a service id.
+// Says "INIT" on `socket` and returns the service id (102 and up). The
+// reply may wait for the daemon to start: the socket listens before it runs.
 int32_t plugin_init(lumokit::Plugin& plugin, const std::string& socket) {
   plugin.connect(socket);
   return plugin.init();
+}
+lumokit::PluginOptions waiting_for_start() {
+  lumokit::PluginOptions options;
+  options.reply_timeout = seconds(15);
+  return options;
 }
 
 Json::Value status_on(const std::string& admin_socket) {
@@ -148,7 +154,7 @@ TEST(SocketHandover, ServesEverythingOnHandedSocketsAndLeavesThemInPlace) {
   HandedDaemon daemon(dir.path(), {client, lumo, admin}, "client:lumokitd.socket:admin");
 
   // Already listening: plugins and clients connect before the daemon is up.
-  lumokit::Plugin plugin;
+  lumokit::Plugin plugin({}, waiting_for_start());
   EXPECT_GE(plugin_init(plugin, handed + "/lumo"), 102);
   JsonClient session_client(handed + "/client");
   Json::Value opened = session_client.call(parse(R"({"op":"create_session","handle":7})"));
@@ -188,7 +194,7 @@ TEST(SocketHandover, MakesWhatIsNotHandedOverAndIgnoresAnotherProcesssSockets) {
     EXPECT_EQ(status_on(run + "/admin")["op"], "status") << daemon.log();
     EXPECT_TRUE(exists(run + "/client"));
     EXPECT_EQ(exists(run + "/lumo"), !c.for_this_process);
-    lumokit::Plugin plugin;
+    lumokit::Plugin plugin({}, waiting_for_start());
     EXPECT_GE(plugin_init(plugin, c.for_this_process ? dir.path() + "/handed-lumo" : run + "/lumo"),
               102);
     plugin.stop();
