@@ -54,7 +54,8 @@ class HandedDaemon {
     }
     env.push_back("LISTEN_FDS=" + std::to_string(fds.size()));
     env.push_back("LISTEN_FDNAMES=" + names);
-    // The child writes its own pid over the blanks; a parent's pid is never ours.
+    // The child writes its own pid into the room left; the test's pid stands
+    // for another process.
     env.push_back(for_this_process ? "LISTEN_PID=" + std::string(12, '\0')
                                    : "LISTEN_PID=" + std::to_string(getpid()));
     char* pid_digits = for_this_process ? env.back().data() + std::strlen("LISTEN_PID=") : nullptr;
