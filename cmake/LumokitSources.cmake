@@ -18,7 +18,10 @@ target_include_directories(lumokit_manager
 target_link_libraries(lumokit_manager
   PUBLIC lumokit_platform PkgConfig::JSONCPP Threads::Threads
   PRIVATE lumokit_token_proto OpenSSL::Crypto)
-set_target_properties(lumokit_manager PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION 1)
+set_target_properties(lumokit_manager PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION 1
+  EXPORT_NAME manager)
+# The name an installed package gives it, usable in this tree too.
+add_library(Lumokit::manager ALIAS lumokit_manager)
 
 # The libcrypto RSA calls used for token checks are deprecated in OpenSSL 3;
 # that warning is silenced for this one file only.

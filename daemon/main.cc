@@ -1,7 +1,7 @@
 // lumokitd: hosts the service manager on a Linux host the way init and the
-// vendor daemon do on a device. It creates the plugin socket and hands it to
-// the manager, starts the manager's threads, and serves clients and
-// administrators on two sockets of its own.
+// vendor daemon do on a device. It creates the plugin socket (or takes the
+// one a supervisor handed over) and hands it to the manager, starts the
+// manager's threads, and serves clients and administrators on two sockets.
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
@@ -31,6 +31,7 @@
 #include "options.h"
 #include "runtime_dir.h"
 #include "service_notify.h"
+#include "socket_activation.h"
 
 namespace {
 
@@ -103,7 +104,21 @@ void accept_one(int listen_fd, ConnectionKind kind, ConnectionRegistry& registry
   start_connection_thread(registry, std::move(conn), kind, policy);
 }
 
+// Which sockets came from the supervisor, for the log.
+std::string handed_roles(const HandedSockets& handed) {
+  std::string roles;
+  if (handed.plugin_fd >= 0) roles += " lumo";
+  if (handed.client_fd >= 0) roles += " client";
+  if (handed.admin_fd >= 0) roles += " admin";
+  return roles;
+}
+
 int run(const Options& opts) {
+  // First, so that the variables never reach anything this process starts.
+  HandedSockets handed;
+  std::string error;
+  if (!take_handed_sockets(&handed, &error)) return fail(kExitFailure, error);
+
   int signal_fd = block_stop_signals();
   if (signal_fd < 0) return fail(kExitFailure, std::string("cannot watch signals: ") + std::strerror(errno));
   signal(SIGPIPE, SIG_IGN);
@@ -114,15 +129,15 @@ int run(const Options& opts) {
   }
   lumokit::host::set_property("sys.boot_completed", opts.boot_completed ? "1" : "0");
   if (!opts.sys_policy.empty()) {
-    std::string error;
     if (!lumosys::host::load_policy_file(opts.sys_policy, &error)) {
       return fail(kExitUsage, "cannot load system service policy: " + error);
     }
   }
 
   RuntimeDir dir;
-  std::string error;
-  if (!open_runtime_dir(opts.runtime_dir, &dir, &error)) return fail(kExitFailure, error);
+  if (!open_runtime_dir(opts.runtime_dir, handed, &dir, &error)) return fail(kExitFailure, error);
+  const std::string roles = handed_roles(handed);
+  if (!roles.empty()) log_info("using the sockets handed over by the supervisor:%s", roles.c_str());
 
   // As init would: the manager finds its socket through the environment.
   setenv("ANDROID_SOCKET_lumo", std::to_string(dir.plugin_fd).c_str(), 1);

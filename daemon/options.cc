@@ -124,7 +124,10 @@ const char* usage_text() {
          "  --log-file FILE        append the log to FILE instead of stderr\n"
          "  --log-level LEVEL      lowest priority written: verbose, debug, info, warn or\n"
          "                         error (default info)\n"
-         "  --help                 show this text\n";
+         "  --help                 show this text\n"
+         "Sockets handed over by a supervisor (systemd socket activation: LISTEN_PID,\n"
+         "LISTEN_FDS, LISTEN_FDNAMES) are used instead of making them in the runtime\n"
+         "directory; each is named lumo, client or admin, or has that file name.\n";
 }
 
 }  // namespace lumokitd

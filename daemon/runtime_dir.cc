@@ -74,9 +74,20 @@ void close_fd(int* fd) {
   *fd = -1;
 }
 
+// The handed-over socket for a role, or a fresh one bound in the directory.
+int adopt_or_bind(int handed_fd, RuntimeDir* dir, const char* name, unsigned mode,
+                  std::string* error) {
+  if (handed_fd >= 0) return handed_fd;
+  const std::string file = runtime_file(dir->path, name);
+  int fd = lumokit::ipc::bind_seqpacket(file, mode, false, error);
+  if (fd >= 0) dir->made_files.push_back(file);
+  return fd;
+}
+
 }  // namespace
 
-bool open_runtime_dir(const std::string& path_in, RuntimeDir* out, std::string* error) {
+bool open_runtime_dir(const std::string& path_in, const HandedSockets& handed, RuntimeDir* out,
+                      std::string* error) {
   std::string path = path_in;
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   RuntimeDir dir;
@@ -86,15 +97,15 @@ bool open_runtime_dir(const std::string& path_in, RuntimeDir* out, std::string* 
   if (dir.lock_fd < 0) return false;
 
   // Holding the lock means any socket file left here is stale.
-  dir.plugin_fd = lumokit::ipc::bind_seqpacket(
-      runtime_file(path, lumokit::ipc::kPluginSocketName), 0666, false, error);
+  dir.plugin_fd =
+      adopt_or_bind(handed.plugin_fd, &dir, lumokit::ipc::kPluginSocketName, 0666, error);
   if (dir.plugin_fd >= 0) {
-    dir.client_fd = lumokit::ipc::bind_seqpacket(
-        runtime_file(path, lumokit::ipc::kClientSocketName), 0666, false, error);
+    dir.client_fd =
+        adopt_or_bind(handed.client_fd, &dir, lumokit::ipc::kClientSocketName, 0666, error);
   }
   if (dir.client_fd >= 0) {
-    dir.admin_fd = lumokit::ipc::bind_seqpacket(
-        runtime_file(path, lumokit::ipc::kAdminSocketName), 0600, false, error);
+    dir.admin_fd =
+        adopt_or_bind(handed.admin_fd, &dir, lumokit::ipc::kAdminSocketName, 0600, error);
   }
   if (dir.admin_fd < 0) {
     close_fd(&dir.plugin_fd);
@@ -107,9 +118,8 @@ bool open_runtime_dir(const std::string& path_in, RuntimeDir* out, std::string* 
 
 void close_runtime_dir(RuntimeDir* dir) {
   if (dir->lock_fd < 0) return;
-  unlink(runtime_file(dir->path, lumokit::ipc::kPluginSocketName).c_str());
-  unlink(runtime_file(dir->path, lumokit::ipc::kClientSocketName).c_str());
-  unlink(runtime_file(dir->path, lumokit::ipc::kAdminSocketName).c_str());
+  for (const std::string& file : dir->made_files) unlink(file.c_str());
+  dir->made_files.clear();
   close_fd(&dir->client_fd);
   close_fd(&dir->admin_fd);
   // Unlink before releasing so a new daemon never sees our lock file.

@@ -1,7 +1,9 @@
 #include "options.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
@@ -9,6 +11,9 @@
 
 #ifndef LUMOKIT_EXAMPLE_API_DIR
 #define LUMOKIT_EXAMPLE_API_DIR "api"
+#endif
+#ifndef LUMOKIT_EXAMPLE_INSTALLED_API_DIR
+#define LUMOKIT_EXAMPLE_INSTALLED_API_DIR "../share/lumokit/examples/api"
 #endif
 
 namespace example {
@@ -28,6 +33,20 @@ std::string default_socket_path() {
   return "/tmp/lumokit-" + std::to_string(getuid()) + "/lumo";
 }
 
+// The definitions installed beside the program (relative to its folder),
+// else the ones in the source tree it was built from.
+std::string default_api_dir() {
+  char exe[PATH_MAX];
+  ssize_t n = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
+  if (n > 0) {
+    std::string dir(exe, static_cast<size_t>(n));
+    dir = dir.substr(0, dir.rfind('/') + 1) + LUMOKIT_EXAMPLE_INSTALLED_API_DIR;
+    struct stat st;
+    if (stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return dir;
+  }
+  return LUMOKIT_EXAMPLE_API_DIR;
+}
+
 const char* usage() {
   return "Usage: lumokit-example-plugin [--socket PATH] [--api-dir DIR]\n"
          "                              (--token-dir DIR | --token KEY=FILE ... | --legacy)\n"
@@ -37,7 +56,9 @@ const char* usage() {
          "\n"
          "  --socket PATH     the manager's plugin socket (default\n"
          "                    $XDG_RUNTIME_DIR/lumokit/lumo, else /tmp/lumokit-$UID/lumo)\n"
-         "  --api-dir DIR     where calculator.json and location.json are\n"
+         "  --api-dir DIR     where calculator.json and location.json are (default\n"
+         "                    ../share/lumokit/examples/api beside the program when\n"
+         "                    installed, else the source tree's examples/api)\n"
          "  --token-dir DIR   registers with DIR/calculator.token and DIR/location.token\n"
          "  --token KEY=FILE  the token for one service; KEY is its name, or its opcode\n"
          "                    as 0x1001 or 4097; overrides --token-dir\n"
@@ -50,7 +71,7 @@ const char* usage() {
 bool parse_options(int argc, char** argv, Options* out, std::string* error) {
   Options options;
   options.socket_path = default_socket_path();
-  options.api_dir = LUMOKIT_EXAMPLE_API_DIR;
+  options.api_dir = default_api_dir();
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--help" || arg == "-h") {
