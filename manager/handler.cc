@@ -365,8 +365,9 @@ void* svc_hal_handler_thread(void* arg) {
   Connection c;
   c.fd = static_cast<int>(reinterpret_cast<intptr_t>(arg));
   c.buffer.reset(new (std::nothrow) char[kPluginRecvInitial]);
+  // Default settings: comments are kept, so that an API definition is
+  // digested and stored with them.
   Json::CharReaderBuilder builder;
-  builder["collectComments"] = false;
   std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   if (!c.buffer || !reader) {
     __android_log_print(ANDROID_LOG_INFO, kTagLink, "Can not allocate memory for either msg or reader");
