@@ -165,14 +165,17 @@ void execute_task(const std::string& request, lumo_callback callback, uint32_t s
   client.subsystem = task.subsys_id;
   const uint32_t transac_id = task.transac_id;
   const OpcodeSubsys pair(client.opcode, client.subsystem);
+  bool known_session;
   {
     std::lock_guard<std::mutex> lock(sessionid_granted_opcodesubsys_map_mtx);
     auto it = sessionid_granted_opcodesubsys_map.find(session_id);
-    if (it == sessionid_granted_opcodesubsys_map.end()) {
-      answer_error(callback, request, session_id, kStatusUnknownSession, transac_id);
-      return;
-    }
-    granted_pair = it->second->count(pair) != 0;
+    known_session = it != sessionid_granted_opcodesubsys_map.end();
+    granted_pair = known_session && it->second->count(pair) != 0;
+  }
+  // Answered with the lock released: the callback may call back in.
+  if (!known_session) {
+    answer_error(callback, request, session_id, kStatusUnknownSession, transac_id);
+    return;
   }
 
   const uint32_t num_of_args = task.num_of_args;
