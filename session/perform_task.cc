@@ -2,7 +2,6 @@
 // serves its pair. Only errors are answered here; the plugin answers later.
 #include <android/log.h>
 
-#include <algorithm>
 #include <string_view>
 
 #include "LumoManager.h"
@@ -145,12 +144,8 @@ bool pass_privacy_gate(const std::string& api_key, const TaskClient& client) {
                                 &result);
     std::lock_guard<std::mutex> lock(pid_uid_releaseindication_map_mtx);
     auto it = pid_uid_releaseindication_map.find(who);
-    if (it != pid_uid_releaseindication_map.end()) {
-      // One stop answers one start.
-      auto& started = *it->second;
-      auto found = std::find(started.begin(), started.end(), op.stop_op);
-      if (found != started.end()) started.erase(found);
-    }
+    // Every start of the operation is over: none is left to release at cancel.
+    if (it != pid_uid_releaseindication_map.end()) it->second->remove(op.stop_op);
   }
   return true;
 }
