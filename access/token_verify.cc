@@ -17,6 +17,7 @@
 #include <string>
 
 #include "Service.h"
+#include "json_read.h"
 #include "conformance_token.pb.h"
 #include "lumokit_token_key.h"
 
@@ -97,26 +98,15 @@ bool is_token_space(char c) {
   return u == ' ' || (u >= 9 && u <= 13);
 }
 
-const Json::Value* find_member(const Json::Value& message, const char* name) {
-  if (!message.isObject()) return nullptr;
-  return message.find(name, name + std::strlen(name));
-}
-
-// The member as text, empty when absent or not a scalar.
-std::string member_text(const Json::Value& message, const char* name) {
-  const Json::Value* value = find_member(message, name);
-  if (value == nullptr || !value->isConvertibleTo(Json::stringValue)) return std::string();
-  return value->asString();
-}
-
-// "Token" with all white space removed, read in place when it is a string.
+// "Token" with all white space removed, read in place when it is a string;
+// otherwise as the library reads text (empty when missing or unreadable).
 std::string token_text(const Json::Value& message) {
   const char* begin = nullptr;
   const char* end = nullptr;
   std::string scalar;
-  const Json::Value* value = find_member(message, "Token");
+  const Json::Value* value = json_member(message, "Token");
   if (value == nullptr || !value->getString(&begin, &end)) {
-    scalar = member_text(message, "Token");
+    json_read_text(message, "Token", "", &scalar);
     begin = scalar.data();
     end = begin + scalar.size();
   }
@@ -228,9 +218,11 @@ int32_t verify_registration_token(const Json::Value& message) {
                          parsed.IsInitialized();
   if (!parsed_ok) parsed.Clear();
 
-  const std::string opcode_text = member_text(message, "Opcode");
+  // Read as the handler reads it: "0" when missing.
+  std::string opcode_text;
   unsigned int opcode = 0;
-  if (string_to_uint32_validation(opcode_text, &opcode) < 0) {
+  if (!json_read_text(message, "Opcode", "0", &opcode_text) ||
+      string_to_uint32_validation(opcode_text, &opcode) < 0) {
     __android_log_print(ANDROID_LOG_ERROR, kTagLink, "Opcode is not valid: %s",
                         opcode_text.c_str());
     return -1;

@@ -2,6 +2,7 @@
 // plugin connection, and the per-plugin outbound queue with its sender.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -16,6 +17,11 @@ inline constexpr uint32_t kPluginRecvInitial = 102400;
 inline constexpr uint32_t kPluginRecvGrown = 524288;
 // Largest text the sender writes; longer texts are cut to this.
 inline constexpr uint32_t kPluginSendMax = 524287;
+// Most a plugin's outbound queue holds, each message counted as its length
+// plus kPluginQueueEntryBytes. A plugin that stops reading fills its socket
+// and then this; further messages for it are dropped as failed sends.
+inline constexpr size_t kPluginQueueMaxBytes = 8u << 20;
+inline constexpr size_t kPluginQueueEntryBytes = 64;
 
 class LumoServiceManagerServer {
  public:

@@ -59,21 +59,29 @@ void set_opcode_reply(Connection& c, const char* kind, const std::string& opcode
   c.reply += "}";
 }
 
+// An "Opcode" that cannot be read as text (an array or object) is invalid
+// like one that is no number; its text is then empty.
 bool read_opcode(const Json::Value& root, std::string* text, unsigned int* opcode) {
-  *text = json_text(root, "Opcode", "0");
-  if (string_to_uint32_validation(*text, opcode) != 0) {
+  if (!json_read_text(root, "Opcode", "0", text) ||
+      string_to_uint32_validation(*text, opcode) != 0) {
     __android_log_print(ANDROID_LOG_ERROR, kTagLink, "Opcode is not valid: %s", text->c_str());
     return false;
   }
   return true;
 }
 
+// Each item as the library's text conversion reads it (null "", 5 "5");
+// an item that is an array or object reads as an empty name, which nothing
+// matches.
 std::vector<std::string> read_string_array(const Json::Value& root, const char* key) {
   std::vector<std::string> items;
   const Json::Value* array = json_member(root, key);
   if (array == nullptr || !array->isArray()) return items;
   items.reserve(array->size());
-  for (const Json::Value& item : *array) items.push_back(item.isString() ? item.asString() : "");
+  for (const Json::Value& item : *array) {
+    items.emplace_back();
+    json_value_text(item, &items.back());
+  }
   return items;
 }
 
@@ -238,8 +246,9 @@ void handle_exec_task(Connection& c, uint32_t session_id, uint32_t transac_id, s
 }
 
 bool read_session_id(const Json::Value& root, unsigned int* session_id) {
-  const std::string text = json_text(root, "Session_Id", "0");
-  if (string_to_uint32_validation(text, session_id) != 0) {
+  std::string text;
+  if (!json_read_text(root, "Session_Id", "0", &text) ||
+      string_to_uint32_validation(text, session_id) != 0) {
     __android_log_print(ANDROID_LOG_ERROR, kTagLink, "Invalid session is %s", text.c_str());
     return false;
   }
@@ -356,8 +365,9 @@ void* svc_hal_handler_thread(void* arg) {
   Connection c;
   c.fd = static_cast<int>(reinterpret_cast<intptr_t>(arg));
   c.buffer.reset(new (std::nothrow) char[kPluginRecvInitial]);
+  // Default settings: comments are kept, so that an API definition is
+  // digested and stored with them.
   Json::CharReaderBuilder builder;
-  builder["collectComments"] = false;
   std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   if (!c.buffer || !reader) {
     __android_log_print(ANDROID_LOG_INFO, kTagLink, "Can not allocate memory for either msg or reader");

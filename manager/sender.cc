@@ -2,19 +2,48 @@
 // clients never write to a plugin socket themselves and order is kept.
 #include <android/log.h>
 
+#include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "LumoManager.h"
 #include "Service.h"
 
+namespace {
+
+// How long the sender waits for room on a full socket before it looks
+// again whether the plugin has gone.
+constexpr int kFullSocketPollMs = 100;
+
+size_t queued_cost(const std::string& text) { return text.size() + kPluginQueueEntryBytes; }
+
+void log_failed_send(int error) {
+  __android_log_print(ANDROID_LOG_ERROR, kTagLink, "Manager not able to send msg, error - %s",
+                      strerror(error));
+}
+
+}  // namespace
+
 void add_msg_to_queue(std::shared_ptr<Service> service, std::string message) {
   if (!service || service->get_svc_hal_died()) return;
+  // Nothing beyond this is ever sent; a longer text is not kept whole.
+  if (message.size() > kPluginSendMax) message = message.substr(0, kPluginSendMax);
+  const size_t cost = queued_cost(message);
   {
     std::lock_guard<std::mutex> lock(*service->get_svc_hal_mtx());
-    service->get_svc_hal_queue()->push_back(std::move(message));
+    std::deque<std::string>* queue = service->get_svc_hal_queue();
+    size_t* bytes = service->get_svc_hal_queue_bytes();
+    if (queue->empty()) *bytes = 0;  // the count is of what the queue holds
+    if (*bytes + cost > kPluginQueueMaxBytes) {
+      // A plugin that stopped reading: its queue does not grow further.
+      log_failed_send(ENOBUFS);
+      return;
+    }
+    *bytes += cost;
+    queue->push_back(std::move(message));
   }
   service->get_svc_hal_cv()->notify_all();
 }
@@ -29,6 +58,7 @@ void* manager_send(void* arg) {
   std::mutex* mtx = svc->get_svc_hal_mtx();
   std::condition_variable* cv = svc->get_svc_hal_cv();
   std::deque<std::string>* queue = svc->get_svc_hal_queue();
+  size_t* bytes = svc->get_svc_hal_queue_bytes();
   const int fd = svc->get_servicehal_socket_fd();
 
   std::unique_lock<std::mutex> lock(*mtx);
@@ -37,17 +67,28 @@ void* manager_send(void* arg) {
     // Whatever is still queued goes with the record.
     if (svc->get_svc_hal_died()) break;
     const std::string& text = queue->front();
-    // Sent straight from the queued text: as a C string, cut to the largest
-    // message a plugin accepts. The send stays under the lock so that queue
-    // order is socket order.
-    size_t len = std::min(text.size(), static_cast<size_t>(kPluginSendMax));
+    // Sent straight from the queued text, as a C string. The send stays
+    // under the lock so that queue order is socket order, and never blocks
+    // there: a plugin that stops reading holds up neither the threads that
+    // queue to it nor its own teardown.
+    size_t len = text.size();
     if (const void* nul = memchr(text.data(), '\0', len)) {
       len = static_cast<size_t>(static_cast<const char*>(nul) - text.data());
     }
-    if (sendto(fd, text.data(), len, MSG_NOSIGNAL, nullptr, 0) == -1) {
-      __android_log_print(ANDROID_LOG_ERROR, kTagLink, "Manager not able to send msg, error - %s",
-                          strerror(errno));
+    if (sendto(fd, text.data(), len, MSG_NOSIGNAL | MSG_DONTWAIT, nullptr, 0) == -1) {
+      const int error = errno;
+      if (error == EAGAIN || error == EWOULDBLOCK || error == EINTR) {
+        // The socket is full: wait for room without the lock, then send the
+        // same message again, unless the plugin has gone meanwhile.
+        lock.unlock();
+        pollfd room{fd, POLLOUT, 0};
+        poll(&room, 1, kFullSocketPollMs);
+        lock.lock();
+        continue;
+      }
+      log_failed_send(error);
     }
+    *bytes -= std::min(*bytes, queued_cost(text));
     queue->pop_front();
   }
   return nullptr;

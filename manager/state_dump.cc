@@ -45,6 +45,7 @@ std::string lumokit_state_dump() {
     {
       std::lock_guard<std::mutex> lock(*svc->get_svc_hal_mtx());
       p["queued"] = static_cast<Json::UInt64>(svc->get_svc_hal_queue()->size());
+      p["queued_bytes"] = static_cast<Json::UInt64>(*svc->get_svc_hal_queue_bytes());
       for (const auto& entry : *svc->get_subsystem_map()) {
         Json::Value pair = pair_json(entry.first);
         pair["ready"] = entry.second->get_subsystem_status();

@@ -58,6 +58,8 @@ class Service {
   std::mutex* get_svc_hal_mtx() { return &svc_hal_mtx; }
   std::condition_variable* get_svc_hal_cv() { return &svc_hal_cv; }
   std::deque<std::string>* get_svc_hal_queue() { return &svc_hal_queue; }
+  // What the queue holds, as the sender's bound counts it; under svc_hal_mtx.
+  size_t* get_svc_hal_queue_bytes() { return &svc_hal_queue_bytes; }
 
   // Plain flags in the original design; atomic here so that the threads that
   // read them without svc_hal_mtx see a consistent value.
@@ -90,6 +92,7 @@ class Service {
   std::mutex svc_hal_mtx;
   std::condition_variable svc_hal_cv;
   std::deque<std::string> svc_hal_queue;
+  size_t svc_hal_queue_bytes = 0;
   std::atomic<bool> start_session_cv{false};
   std::atomic<bool> end_session_cv{false};
   pthread_t* sending_thread = nullptr;

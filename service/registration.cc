@@ -24,14 +24,18 @@ int process_json(unsigned int opcode, Json::Value def, std::shared_ptr<Service> 
   if (!apis.isArray() && !apis.isObject()) return 0;
 
   for (const Json::Value& entry : apis) {
-    const std::string opcode_text = json_text(entry, "opcode", "0");
-    const std::string name = json_text(entry, "name", "none");
+    std::string opcode_text;
+    std::string name;
+    const bool opcode_readable = json_read_text(entry, "opcode", "0", &opcode_text);
+    // A name the library cannot read as text fails the entry as a wrong
+    // opcode does.
+    const bool name_readable = json_read_text(entry, "name", "none", &name);
     unsigned int entry_opcode = 0;
-    if (hexadecimalstring_to_uint32_validation(opcode_text, &entry_opcode) != 0) {
+    if (!opcode_readable || hexadecimalstring_to_uint32_validation(opcode_text, &entry_opcode) != 0) {
       __android_log_print(ANDROID_LOG_ERROR, kTagLink, "Opcode is not valid: %s", opcode_text.c_str());
       return -1;
     }
-    if (entry_opcode != opcode) {
+    if (entry_opcode != opcode || !name_readable) {
       __android_log_print(ANDROID_LOG_WARN, kTagLink, "Registration Failed!!!");
       return -1;
     }

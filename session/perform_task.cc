@@ -2,7 +2,6 @@
 // serves its pair. Only errors are answered here; the plugin answers later.
 #include <android/log.h>
 
-#include <algorithm>
 #include <string_view>
 
 #include "LumoManager.h"
@@ -145,12 +144,8 @@ bool pass_privacy_gate(const std::string& api_key, const TaskClient& client) {
                                 &result);
     std::lock_guard<std::mutex> lock(pid_uid_releaseindication_map_mtx);
     auto it = pid_uid_releaseindication_map.find(who);
-    if (it != pid_uid_releaseindication_map.end()) {
-      // One stop answers one start.
-      auto& started = *it->second;
-      auto found = std::find(started.begin(), started.end(), op.stop_op);
-      if (found != started.end()) started.erase(found);
-    }
+    // Every start of the operation is over: none is left to release at cancel.
+    if (it != pid_uid_releaseindication_map.end()) it->second->remove(op.stop_op);
   }
   return true;
 }
@@ -165,14 +160,17 @@ void execute_task(const std::string& request, lumo_callback callback, uint32_t s
   client.subsystem = task.subsys_id;
   const uint32_t transac_id = task.transac_id;
   const OpcodeSubsys pair(client.opcode, client.subsystem);
+  bool known_session;
   {
     std::lock_guard<std::mutex> lock(sessionid_granted_opcodesubsys_map_mtx);
     auto it = sessionid_granted_opcodesubsys_map.find(session_id);
-    if (it == sessionid_granted_opcodesubsys_map.end()) {
-      answer_error(callback, request, session_id, kStatusUnknownSession, transac_id);
-      return;
-    }
-    granted_pair = it->second->count(pair) != 0;
+    known_session = it != sessionid_granted_opcodesubsys_map.end();
+    granted_pair = known_session && it->second->count(pair) != 0;
+  }
+  // Answered with the lock released: the callback may call back in.
+  if (!known_session) {
+    answer_error(callback, request, session_id, kStatusUnknownSession, transac_id);
+    return;
   }
 
   const uint32_t num_of_args = task.num_of_args;

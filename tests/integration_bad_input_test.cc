@@ -171,9 +171,11 @@ TEST(BadInput, WrongMemberTypesForEveryKind) {
   expect_exchanges(plugin, {
       {R"({"req_type":["INIT"]})"},
       {R"({"req_type":7})"},
-      // Opcode texts convert like strtoul: {} reads "0", 1e30 reads "1e+30"
-      // (1) and "-1" 0xFFFFFFFF; all pass, and only the token refuses them.
-      {auth(R"("Opcode":{},"Service_Id":102,"Token":"x")"), reply("AUTH", "0", -1), bad_token},
+      // An opcode that cannot be text ({}) is invalid. Texts convert like
+      // strtoul: 1e30 reads "1e+30" (1) and "-1" 0xFFFFFFFF; both pass, and
+      // only the token refuses them.
+      {auth(R"("Opcode":{},"Service_Id":102,"Token":"x")"), reply("AUTH", "", -1),
+       "E/LUMOKIT_SESSION_MANAGER: Opcode is not valid: "},
       {auth(R"("Opcode":1e30,"Service_Id":102)"), reply("AUTH", "1e+30", -1), bad_token},
       {auth(R"("Opcode":"-1","Service_Id":102)"), reply("AUTH", "-1", -1), bad_token},
       {auth(R"("Opcode":"4097","Service_Id":102,"Token":12345)"), reply("AUTH", "4097", -1), bad_token},
@@ -193,7 +195,7 @@ TEST(BadInput, WrongMemberTypesForEveryKind) {
        reply("REGS", "8194", 0)},
       {redy + R"([],"Opcode":"4097"})", reply("REDY", "4097", -1)},
       {redy + R"("102","Opcode":"4097"})", reply("REDY", "4097", -1)},
-      {redy + R"(102,"Opcode":{}})", reply("REDY", "0", 0)},
+      {redy + R"(102,"Opcode":{}})", reply("REDY", "", -1)},
       {start + R"(["Success"],"session_id":77,"opcodes":[]})"},
       {start + R"("Success","session_id":-1,"opcodes":5})"},
       {start + R"("Success","session_id":1,"opcodes":[{"id":5,"subsystems":"y"},{"id":"zz","subsystems":[]}]})"},
@@ -202,7 +204,7 @@ TEST(BadInput, WrongMemberTypesForEveryKind) {
       {exec + R"(4294967297,"transac_id":1})"},
       {exec + R"(1,"transac_id":1e30,"v":1})", "", "", exec + R"(1,"transac_id":1e30,"v":1})"},
       {exec + R"(1,"transac_id":-5,"v":2})", "", "", exec + R"(1,"transac_id":-5,"v":2})"},
-      {permission + R"([],"Permissions":["p.A"]})", kPermRes + "[\"0\"]} ", no_entry},
+      {permission + R"([],"Permissions":["p.A"]})", kRefused, "E/LUMOKIT_SESSION_MANAGER: Invalid session is "},
       {permission + R"("4294967296","Permissions":["p.A"]})", kPermRes + "[\"0\"]} ", no_entry},
       {permission + R"("99999999999999999999","Permissions":["p.A"]})", kRefused,
        "E/LUMOKIT_SESSION_MANAGER: Invalid session is 99999999999999999999"},
