@@ -113,6 +113,7 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
+  if (keep_) return;
   std::error_code ec;
   std::filesystem::remove_all(path_, ec);
 }

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace lumokit::e2e {
@@ -40,6 +41,16 @@ int run_to_end(const std::string& program, const std::vector<std::string>& args,
 
 std::string read_file(const std::string& path);
 
+// Polls `done` every 20 ms until it holds; false when `timeout` passed first.
+template <typename Done>
+bool eventually(std::chrono::milliseconds timeout, Done done) {
+  for (const auto deadline = std::chrono::steady_clock::now() + timeout; !done();) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
 // A fresh directory under /tmp, removed with its contents at destruction.
 class TempDir {
  public:
@@ -48,9 +59,11 @@ class TempDir {
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
   const std::string& path() const { return path_; }
+  void keep() { keep_ = true; }  // not removed at destruction
 
  private:
   std::string path_;
+  bool keep_ = false;
 };
 
 }  // namespace lumokit::e2e

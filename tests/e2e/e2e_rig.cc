@@ -1,7 +1,6 @@
 #include "e2e_rig.h"
 
 #include <poll.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,7 +28,8 @@ Json::Value parse(const std::string& text) {
   return v;
 }
 
-JsonClient::JsonClient(const std::string& socket_path) {
+JsonClient::JsonClient(const std::string& socket_path)
+    : buffer_(std::make_unique<ipc::RecvBuffer>()) {
   std::string error;
   fd_ = lumokit::ipc::connect_seqpacket(socket_path, &error);
   if (fd_ < 0) throw std::runtime_error(error);
@@ -54,11 +54,11 @@ Json::Value JsonClient::next(std::chrono::milliseconds timeout) {
   pollfd p{fd_, POLLIN, 0};
   int rc = poll(&p, 1, static_cast<int>(timeout.count()));
   if (rc <= 0) throw std::runtime_error("no message within " + std::to_string(timeout.count()) + " ms");
-  std::string buffer(lumokit::ipc::kMaxMessage, '\0');
-  ssize_t n = recv(fd_, buffer.data(), buffer.size(), 0);
-  if (n <= 0) throw std::runtime_error("connection closed by the daemon");
-  buffer.resize(static_cast<size_t>(n));
-  return parse(buffer);
+  size_t length = 0;
+  if (lumokit::ipc::recv_message(fd_, *buffer_, &length) != lumokit::ipc::RecvStatus::kMessage) {
+    throw std::runtime_error("connection closed by the daemon");
+  }
+  return parse(std::string(buffer_->data.get(), length));
 }
 
 bool JsonClient::silent_for(std::chrono::milliseconds quiet) {
@@ -89,6 +89,18 @@ std::string task_text(uint32_t session_id, uint32_t transac_id, const std::strin
   req["func"]["num_of_args"] = args.size();
   req["func"]["args"] = args.isNull() ? Json::Value(Json::arrayValue) : args;
   return lumokit::ipc::write_json(req);
+}
+
+void sign_token(const std::string& key_pem, const std::string& opcode, const std::string& api_def,
+                const std::string& token_path) {
+  std::string token;
+  int rc = run_to_end(bin_path("lumokit-token"),
+                      {"sign", "--key", key_pem, "--opcode", opcode, "--api-def", api_def}, &token);
+  if (rc != 0) throw std::runtime_error("lumokit-token failed: " + token);
+  FILE* f = fopen(token_path.c_str(), "w");
+  if (f == nullptr) throw std::runtime_error("cannot write " + token_path);
+  fwrite(token.data(), 1, token.size(), f);
+  fclose(f);
 }
 
 Rig::Rig() : runtime_dir_(dir_.path() + "/run") {}
@@ -128,17 +140,9 @@ void Rig::start_plugin() {
   const std::pair<const char*, const char*> apis[] = {{"calculator", "0x1001"},
                                                       {"location", "0x2002"}};
   for (const auto& api : apis) {
-    std::string token;
-    int rc = run_to_end(bin_path("lumokit-token"),
-                        {"sign", "--key", source_path("keys/dev-token-key.pem"), "--opcode",
-                         api.second, "--api-def",
-                         source_path(std::string("examples/api/") + api.first + ".json")},
-                        &token);
-    if (rc != 0) throw std::runtime_error("lumokit-token failed: " + token);
-    FILE* f = fopen((tokens + "/" + api.first + ".token").c_str(), "w");
-    if (f == nullptr) throw std::runtime_error("cannot write token");
-    fwrite(token.data(), 1, token.size(), f);
-    fclose(f);
+    sign_token(source_path("keys/dev-token-key.pem"), api.second,
+               source_path(std::string("examples/api/") + api.first + ".json"),
+               tokens + "/" + api.first + ".token");
   }
   plugin_.start(bin_path("lumokit-example-plugin"),
                 {"--socket", socket("lumo"), "--api-dir", source_path("examples/api"),

@@ -13,6 +13,10 @@
 
 #include "e2e_process.h"
 
+namespace lumokit::ipc {
+struct RecvBuffer;
+}
+
 namespace lumokit::e2e {
 
 std::string bin_path(const std::string& name);
@@ -39,6 +43,7 @@ class JsonClient {
 
  private:
   int fd_ = -1;
+  std::unique_ptr<ipc::RecvBuffer> buffer_;  // reused: a busy client reads many messages
 };
 
 Json::Value parse(const std::string& text);
@@ -47,6 +52,11 @@ Json::Value parse(const std::string& text);
 std::string task_text(uint32_t session_id, uint32_t transac_id, const std::string& opcode,
                       uint32_t subsys, const std::string& function, const Json::Value& args);
 Json::Value int_arg(int64_t value);
+
+// Signs the API definition file `api_def` for `opcode` ("0x1001") with the
+// private key in `key_pem` into `token_path`; throws when lumokit-token fails.
+void sign_token(const std::string& key_pem, const std::string& opcode, const std::string& api_def,
+                const std::string& token_path);
 
 class Rig {
  public:
@@ -71,16 +81,13 @@ class Rig {
   // Waits until `pred(status)` holds; false on timeout.
   template <typename Pred>
   bool wait_status(Pred pred, std::chrono::milliseconds timeout = std::chrono::seconds(15)) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-      if (pred(status())) return true;
-      pause();
-    }
-    return false;
+    return eventually(timeout, [&] { return pred(status()); });
   }
   std::string daemon_log() const { return read_file(dir_.path() + "/daemon.log"); }
   std::string plugin_log() const { return read_file(dir_.path() + "/plugin.log"); }
   const std::string& dir() const { return dir_.path(); }
+  // Leaves the directory with its logs in place for a look after a failure.
+  void keep_dir() { dir_.keep(); }
 
  private:
   static void pause();
