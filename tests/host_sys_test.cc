@@ -1,7 +1,7 @@
 // The host stand-in for the system service: policy validation, the answers
-// of each operation, death and restart, permission-change delivery, injected
-// failures. How the manager links to it, relinks after a death and reads its
-// answers is proved in integration_access_test.
+// of each operation, death and restart, permission-change delivery. How the
+// manager links to it, relinks after a death, reads its answers and copes
+// with its failures is proved in integration_access_test.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -102,36 +102,22 @@ class HostSysTest : public ::testing::Test {
 // ---- policy validation ----------------------------------------------------
 
 TEST_F(HostSysTest, MalformedPoliciesAreRefusedWithWhereAndWhat) {
+  // One row per kind of error, in each kind of place.
   const std::pair<const char*, const char*> cases[] = {  // text, error after "policy text: "
       {"[]", "top level: expected an object"},
       {R"({"declard": true})", "top level: unknown member \"declard\""},
-      {R"({"declared": "yes"})", "declared: expected a boolean"},
       {R"({"declared": 1})", "declared: expected a boolean"},
-      {R"({"apis": {}})", "apis: expected an array"},
+      {R"({"apps": {}})", "apps: expected an array"},
       {R"({"apis": ["getLocation"]})", "apis[0]: expected an object"},
       {R"({"apis": [{"permissions": "a"}]})", "apis[0].id: required member missing"},
       {R"({"apis": [{"id": ""}]})", "apis[0].id: must not be empty"},
-      {R"({"apis": [{"id": 7}]})", "apis[0].id: expected a string"},
       {R"({"apis": [{"id": "a"}, {"id": "b"}, {"id": "c", "permissions": 5}]})",
        "apis[2].permissions: expected a string"},
-      {R"({"apis": [{"id": "a", "subsystem": 3}]})", "apis[0].subsystem: expected a string"},
-      {R"({"apis": [{"id": "a", "stop_op": null}]})", "apis[0].stop_op: expected a string"},
       {R"({"apis": [{"id": "a", "permision": "x"}]})", "apis[0]: unknown member \"permision\""},
-      {R"({"apps": {}})", "apps: expected an array"},
-      {R"({"apps": [3]})", "apps[0]: expected an object"},
-      {R"({"apps": [{"package": "p"}]})", "apps[0].uid: required member missing"},
-      {R"({"apps": [{"uid": -1}]})", "apps[0].uid: expected an unsigned 32-bit integer"},
-      {R"({"apps": [{"uid": 1.5}]})", "apps[0].uid: expected an unsigned 32-bit integer"},
+      // jsoncpp itself would take 10123.0 as a uid.
       {R"({"apps": [{"uid": 10123.0}]})", "apps[0].uid: expected an unsigned 32-bit integer"},
-      {R"({"apps": [{"uid": "10123"}]})", "apps[0].uid: expected an unsigned 32-bit integer"},
       {R"({"apps": [{"uid": 4294967296}]})", "apps[0].uid: expected an unsigned 32-bit integer"},
-      {R"({"apps": [{"uid": 1, "package": 2}]})", "apps[0].package: expected a string"},
-      {R"({"apps": [{"uid": 1, "cert_hash": false}]})", "apps[0].cert_hash: expected a string"},
-      {R"({"apps": [{"uid": 1, "foreground": "true"}]})", "apps[0].foreground: expected a boolean"},
-      {R"({"apps": [{"uid": 1, "granted": "android.permission.CAMERA"}]})",
-       "apps[0].granted: expected an array"},
       {R"({"apps": [{"uid": 1, "granted": ["a", 2]}]})", "apps[0].granted[1]: expected a string"},
-      {R"({"apps": [{"uid": 1, "foregrnd": true}]})", "apps[0]: unknown member \"foregrnd\""},
       {R"({"apps": [{"uid": 5}, {"uid": 5}]})", "apps[1].uid: duplicate uid 5"},
   };
   std::string error;
@@ -139,11 +125,16 @@ TEST_F(HostSysTest, MalformedPoliciesAreRefusedWithWhereAndWhat) {
     EXPECT_FALSE(host::load_policy_text(text, &error)) << text;
     EXPECT_EQ(error, std::string("policy text: ") + want) << text;
   }
-  // Not JSON, strictly read: the reader's error on one line.
-  for (const char* text : {"{", R"({"declared": true,})", R"({"declared": true, "declared": false})",
-                           "// comment\n{}", "{} {}"}) {
-    EXPECT_FALSE(host::load_policy_text(text, &error)) << text;
-    EXPECT_EQ(error.rfind("policy text: not valid JSON: Line ", 0), 0u) << error;
+  // Not JSON, strictly read: the reader's error on one line. A key given
+  // twice would hide one of its values; nesting past the reader's limit
+  // makes it throw.
+  const std::string deep = "{\"apis\":" + std::string(100000, '[') + std::string(100000, ']') + "}";
+  const std::pair<std::string, const char*> not_json[] = {
+      {R"({"declared": true, "declared": false})", "policy text: not valid JSON: Line 1, Column 20"},
+      {deep, "policy text: not valid JSON: "}};
+  for (const auto& [text, want] : not_json) {
+    EXPECT_FALSE(host::load_policy_text(text, &error)) << text.substr(0, 80);
+    EXPECT_EQ(error.rfind(want, 0), 0u) << error;
     EXPECT_EQ(error.find('\n'), std::string::npos) << error;
   }
   // None of them changed anything.
@@ -182,22 +173,6 @@ TEST_F(HostSysTest, PolicyFilesAreNamedInTheirErrors) {
   for (const auto& file : files) std::remove(file.first.c_str());
 }
 
-TEST_F(HostSysTest, DeclaredFlagControlsDeclarationAndRegistration) {
-  std::string error;
-  ASSERT_TRUE(host::load_policy_text(R"({"declared": false})", &error)) << error;
-  EXPECT_FALSE(lumosys::isDeclared(lumosys::kLumoSysInstance));
-  EXPECT_EQ(lumosys::getService(lumosys::kLumoSysInstance), nullptr);
-  host::start();  // a service may register without being declared
-  EXPECT_NE(lumosys::getService(lumosys::kLumoSysInstance), nullptr);
-  EXPECT_FALSE(lumosys::isDeclared(lumosys::kLumoSysInstance));
-
-  ASSERT_TRUE(host::load_policy_text("{}", &error)) << error;  // declared by default
-  EXPECT_TRUE(lumosys::isDeclared(lumosys::kLumoSysInstance));
-  EXPECT_FALSE(lumosys::isDeclared("vendor.brx.lumosys.ILumoSys/other"));
-  EXPECT_EQ(lumosys::getService("vendor.brx.lumosys.ILumoSys/other"), nullptr);
-  EXPECT_EQ(lumosys::waitForService(nullptr), nullptr);
-}
-
 // ---- answers ----------------------------------------------------------------
 
 TEST_F(HostSysTest, QueriesPermissionChecksAndPrivacyOperationsAnswerFromThePolicy) {
@@ -209,7 +184,6 @@ TEST_F(HostSysTest, QueriesPermissionChecksAndPrivacyOperationsAnswerFromThePoli
     std::vector<std::string> answers;
     std::vector<bool> granted;  // camera, audio, fine location
   } cases[] = {
-      {10123, {"", "", "com.example.maps", "SUCCESS:5f0c11", "SUCCESS:foreground", ""}, {true, false, true}},
       {10200, {"", "", "com.example.radio", "SUCCESS:aa77", "SUCCESS:background", ""}, {false, false, false}},
       {99999, {"", "", "", "", "", ""}, {false, false, false}},
   };
@@ -221,7 +195,7 @@ TEST_F(HostSysTest, QueriesPermissionChecksAndPrivacyOperationsAnswerFromThePoli
     EXPECT_EQ(answers, c.answers) << c.uid;
     EXPECT_EQ(granted, c.granted) << c.uid;
   }
-  EXPECT_EQ(host::checkGrantedPermissions_calls(), 3);
+  EXPECT_EQ(host::checkGrantedPermissions_calls(), 2);
   std::vector<std::string> answers = {"stale"};
   ASSERT_TRUE(service->queryInfo(1, 10123, {}, &answers));
   EXPECT_TRUE(answers.empty());
@@ -318,25 +292,6 @@ TEST_F(HostSysTest, SetPermissionChangesGrantsAndTellsTheCallbackOfThisIncarnati
   host::start();
   ASSERT_TRUE(host::set_permission(1, 10123, kCamera, true));
   EXPECT_EQ(callback->calls().size(), 3u);  // the new incarnation has no callback yet
-}
-
-// ---- injected failures ----------------------------------------------------------
-
-TEST_F(HostSysTest, FailNextFailsExactlyThatManyCallsOfThatOperation) {
-  auto service = load_and_connect();
-  host::fail_next("checkGrantedPermissions", 1);
-  host::fail_next("queryInfo", 2);
-  EXPECT_EQ(outcomes(*service), "00111");
-  EXPECT_EQ(outcomes(*service), "10111");
-  for (const char* op : {"updatePrivacyOperation", "getAPIInfo", "setPermissionChangeCallback"}) {
-    host::fail_next(op, 1);
-  }
-  EXPECT_EQ(outcomes(*service), "11000");
-  host::fail_next("getAPIInfo", 3);
-  host::fail_next("getAPIInfo", 0);  // withdrawn
-  EXPECT_EQ(outcomes(*service), "11111");
-  EXPECT_EQ(host::checkGrantedPermissions_calls(), 4);  // failed calls reached the service too
-  EXPECT_EQ(host::privacy_log().size(), 3u);            // the failed call was not recorded
 }
 
 // ---- concurrency ------------------------------------------------------------------

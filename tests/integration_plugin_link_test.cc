@@ -127,6 +127,9 @@ TEST(IntegrationPluginLink, IgnoredAndRefusedMessages) {
        "{\"req_type\": \"AUTH\",\"opcode\": \"abc\", \"result\": -1} ", e + "Opcode is not valid: abc"},
       {R"({"req_type":"REGS","Opcode":"","Service_Id":102})",
        "{\"req_type\": \"REGS\",\"opcode\": \"\", \"result\": -1} "},
+      {registration_message("REGS", 102, 0x2001, api_def(0x2002, {1}), nullptr),
+       "{\"req_type\": \"REGS\",\"opcode\": \"8193\", \"result\": -1} ",
+       "W/LUMOKIT_SESSION_MANAGER: Registration Failed!!!"},
       {registration_message("AUTH", 102, 0x2001, def, &empty_token), refused, e + "Invalid token."},
       {registration_message("AUTH", 102, 0x2001, def, nullptr), refused,
        e + "Failed to authenticate the LUMOKIT ONE token."},
@@ -135,6 +138,7 @@ TEST(IntegrationPluginLink, IgnoredAndRefusedMessages) {
        e + "Invalid input, out of range input"},
   });
   EXPECT_EQ(log.count("Failed to authenticate the LUMOKIT ONE token."), 2u);
+  EXPECT_TRUE(log.contains(e + "Invalid input, no conversion"));
   // Nothing was registered by any of it.
   const Json::Value entry = plugin_state(102);
   EXPECT_EQ(entry["state"].asInt(), 1);
@@ -153,7 +157,11 @@ TEST(IntegrationPluginLink, FirstRefusedRedyMeansNoSenderEver) {
 
   // The session-start notice is queued but never sent: the client waits out
   // its 3 seconds and the plugin hears nothing.
+  const auto start = std::chrono::steady_clock::now();
   create_session("{}", recording_callback(), 0, 5, kClientPid, kClientUid);
+  const auto waited = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(waited, 2900ms);
+  EXPECT_LT(waited, 4500ms);
   EXPECT_EQ(plugin.recv(300ms), "");
   EXPECT_EQ(callbacks(), (std::vector<Callback>{{LUMO_RESPONSE_CREATE_SESSION, 0, "{}", 1, 5}}));
   EXPECT_TRUE(log.contains("I/LUMOKIT_SESSION_MANAGER: Session not started !!"));

@@ -68,6 +68,19 @@ TEST(IntegrationSessions, PluginsAskedInServiceIdOrderAndOneRefuses) {
   EXPECT_EQ(pair_list(session["connected"]), "0x10/5 ");
   EXPECT_EQ(pair_list(session["granted"]), "0x10/5 0x20/1 0x20/2 ");
   EXPECT_EQ(session["pid"].asInt(), kClientPid);
+
+  // A plugin that goes away while the client waits for its answer ends the
+  // wait at once, and the next plugin is asked.
+  clear_callbacks();
+  const auto again = Clock::now();
+  std::thread second = create_session_async(52);
+  EXPECT_NE(alpha.recv().find("\"session_id\": 3"), std::string::npos);
+  alpha.close_socket();
+  beta.answer_start_session(true);
+  second.join();
+  EXPECT_LT(Clock::now() - again, 2s);
+  ASSERT_EQ(callbacks().size(), 1u);
+  EXPECT_EQ(callbacks()[0].session_id, 3u);
 }
 
 TEST(IntegrationSessions, TaskAnswersAndErrors) {
