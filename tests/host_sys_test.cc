@@ -1,6 +1,6 @@
-// The host stand-in for the system service: policy validation, the answers
-// of each operation, death and restart, permission-change delivery. How the
-// manager links to it, relinks after a death, reads its answers and copes
+// The host stand-in for the system service: policy validation, its answers,
+// permission-change delivery, calls racing deaths and restarts. How the
+// manager links to it, relinks after each death, reads its answers and copes
 // with its failures is proved in integration_access_test.
 #include <gtest/gtest.h>
 
@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <fstream>
 #include <mutex>
@@ -65,25 +64,6 @@ class RecordingCallback : public lumosys::ILumoSysCallback {
   std::mutex mtx_;
   std::vector<std::string> calls_;
 };
-
-// Which of the five operations succeed, '1' each, in the order
-// checkGrantedPermissions, queryInfo, updatePrivacyOperation, getAPIInfo,
-// setPermissionChangeCallback.
-std::string outcomes(lumosys::ILumoSys& service) {
-  std::vector<bool> granted;
-  std::vector<std::string> answers;
-  std::vector<lumosys::APIInfo> infos;
-  int32_t result = -1;
-  const bool ok[] = {
-      service.checkGrantedPermissions(1, 10123, {kCamera}, &granted),
-      service.queryInfo(1, 10123, {"app.name.package"}, &answers),
-      service.updatePrivacyOperation("op", 1, 10123, false, &result),
-      service.getAPIInfo(&infos),
-      service.setPermissionChangeCallback(std::make_shared<RecordingCallback>())};
-  std::string out;
-  for (bool b : ok) out += b ? '1' : '0';
-  return out;
-}
 
 class HostSysTest : public ::testing::Test {
  protected:
@@ -155,79 +135,20 @@ TEST_F(HostSysTest, PolicyFilesAreNamedInTheirErrors) {
   const std::string missing = base + "no_such_policy.json";
   const std::pair<std::string, const char*> files[] = {  // name, content
       {base + "bad_policy.json", R"({"apis": [{"id": "a", "extra1": []}]})"},
-      {base + "broken_policy.json", "{\"declared\": tru}"},
       {base + "good_policy.json", kPolicy}};
   for (const auto& [path, text] : files) std::ofstream(path) << text;
   const std::pair<std::string, std::string> cases[] = {  // path, start of the error
       {missing, missing + ": cannot open: No such file or directory"},
       {::testing::TempDir(), ::testing::TempDir() + ": cannot read: "},
-      {files[0].first, files[0].first + ": apis[0].extra1: expected a string"},
-      {files[1].first, files[1].first + ": not valid JSON: "}};
+      {files[0].first, files[0].first + ": apis[0].extra1: expected a string"}};
   std::string error;
   for (const auto& [path, want] : cases) {
     EXPECT_FALSE(host::load_policy_file(path, &error)) << path;
     EXPECT_EQ(error.substr(0, want.size()), want);
   }
-  EXPECT_TRUE(host::load_policy_file(files[2].first, &error)) << error;
+  EXPECT_TRUE(host::load_policy_file(files[1].first, &error)) << error;
   EXPECT_TRUE(host::is_alive());
   for (const auto& file : files) std::remove(file.first.c_str());
-}
-
-// ---- death and restart --------------------------------------------------------
-
-// What a death recipient saw; the cookie points at one of these.
-struct Notice {
-  std::mutex mtx;
-  std::condition_variable cv;
-  int count = 0;
-  std::thread::id thread;
-};
-
-void record_notice(void* cookie) {
-  auto* notice = static_cast<Notice*>(cookie);
-  std::lock_guard<std::mutex> lock(notice->mtx);
-  ++notice->count;
-  notice->thread = std::this_thread::get_id();
-  notice->cv.notify_all();
-}
-
-TEST_F(HostSysTest, KillTellsEachLinkOfItsIncarnationOnceAndDeadProxiesFail) {
-  auto service = load_and_connect();
-  Notice notices[2];
-  for (Notice& notice : notices) {
-    ASSERT_TRUE(lumosys::linkToDeath(service, lumosys::newDeathRecipient(&record_notice), &notice));
-  }
-
-  host::kill();
-  for (Notice& notice : notices) {
-    std::unique_lock<std::mutex> lock(notice.mtx);
-    ASSERT_TRUE(notice.cv.wait_for(lock, 5s, [&] { return notice.count > 0; }));
-    EXPECT_NE(notice.thread, std::this_thread::get_id());
-  }
-  EXPECT_FALSE(host::is_alive());
-  EXPECT_EQ(lumosys::getService(lumosys::kLumoSysInstance), nullptr);
-  EXPECT_TRUE(lumosys::isDeclared(lumosys::kLumoSysInstance));
-
-  host::kill();  // already dead: nothing more to tell
-  host::start();
-  auto fresh = lumosys::getService(lumosys::kLumoSysInstance);
-  ASSERT_NE(fresh, nullptr);
-  // Proxies of the dead incarnation fail every call, the new one's succeed.
-  EXPECT_EQ(outcomes(*service), "00000");
-  EXPECT_FALSE(lumosys::linkToDeath(service, lumosys::newDeathRecipient(&record_notice), &notices[0]));
-  EXPECT_TRUE(host::privacy_log().empty());
-  EXPECT_EQ(outcomes(*fresh), "11111");
-  host::kill();  // the old links belonged to the first incarnation
-  std::this_thread::sleep_for(100ms);
-  for (Notice& notice : notices) {
-    std::lock_guard<std::mutex> lock(notice.mtx);
-    EXPECT_EQ(notice.count, 1);
-  }
-  host::start();
-  fresh = lumosys::getService(lumosys::kLumoSysInstance);
-  ASSERT_NE(fresh, nullptr);
-  host::reset();  // ends the live incarnation too
-  EXPECT_EQ(outcomes(*fresh), "00000");
 }
 
 // ---- answers and permission changes ----------------------------------------

@@ -155,6 +155,15 @@ TEST_F(Access, ServiceDeathEmptiesTheCacheAndTheGateStillAppliesAfterRelink) {
   EXPECT_EQ(host::checkGrantedPermissions_calls(), 2);
   expect_dropped(kPhoto);
   EXPECT_EQ(host::checkGrantedPermissions_calls(), 3);
+
+  // A second death is noticed once, and the link is made once more.
+  host::kill();
+  wait_until_dead();
+  host::start();
+  ASSERT_TRUE(wait_for_sys_callback(3000ms));
+  EXPECT_EQ(log_.count("I/LUMOKIT_SESSION_MANAGER: Lumokit Systemservice Crashed"), 2u);
+  expect_forwarded(kLocation);
+  EXPECT_EQ(host::checkGrantedPermissions_calls(), 4);
 }
 
 TEST_F(Access, PermissionChangesReachThePluginOfTheTask) {
