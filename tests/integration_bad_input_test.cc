@@ -185,24 +185,6 @@ TEST(BadInput, WrongMemberTypesForEveryKind) {
   expect_manager_whole(0x7003);
 }
 
-TEST(BadInput, GoodbyeWithAnUnreadableServiceIdLeavesADeadRecordOnly) {
-  RawPlugin plugin;
-  bring_up(plugin, 0x1001, {1});
-  EXPECT_EQ(plugin.request(R"({"req_type":"DINT","Service_Id":"x"})"), "1 ");
-  EXPECT_TRUE(plugin.wait_closed());
-  // The record stays filed under its id, marked gone and emptied, so
-  // nothing can be routed to it; its pairs are free again.
-  const Json::Value entry = plugin_state(102);
-  EXPECT_TRUE(entry["died"].asBool());
-  EXPECT_EQ(entry["state"].asInt(), 0);
-  EXPECT_EQ(entry["pairs"].size(), 0u);
-  EXPECT_EQ(state_dump()["registry"].size(), 0u);
-  RawPlugin successor;
-  bring_up(successor, 0x1001, {1});
-  EXPECT_EQ(state_dump()["registry"][0]["service_id"].asInt(), successor.service_id());
-  EXPECT_EQ(check_table_consistency(), "");
-}
-
 TEST(BadInput, TaskTextsWithHostileValues) {
   RawPlugin plugin;
   bring_up(plugin, 0x1001, {1});

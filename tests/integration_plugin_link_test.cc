@@ -4,7 +4,8 @@
 #include <gtest/gtest.h>
 #include <lumokit/host_platform.h>
 
-#include <fstream>
+#include <filesystem>
+#include <iterator>
 #include <thread>
 
 #include "manager_harness.h"
@@ -18,21 +19,16 @@ using namespace std::chrono_literals;
 // Threads of earlier connections may still be ending; wait for a steady count.
 int settled_thread_count() {
   auto count = [] {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-      if (line.rfind("Threads:", 0) == 0) return std::stoi(line.substr(8));
-    }
-    return -1;
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
   };
-  int last = count();
+  auto last = count();
   for (int i = 0; i < 50; ++i) {
     std::this_thread::sleep_for(20ms);
-    const int now = count();
-    if (now == last) return now;
+    const auto now = count();
+    if (now == last) break;
     last = now;
   }
-  return last;
+  return static_cast<int>(last);
 }
 
 // A JSON text of exactly `size` bytes: `head`, a string of filler, `tail`.

@@ -125,6 +125,12 @@ TEST(Security, ServiceIdsInPluginMessagesAreTakenOnTrust) {
                                       R"({"opcodes":[{"opcode" : 12291, "subsystems": [{"id" : 1}]}]})", 1, 0}));
   EXPECT_TRUE(plugin_state(victim.service_id()).isNull());
   EXPECT_EQ(routed_to("0x1001"), victim.service_id());  // the registry still names it
+  // The intruder's own record stays filed under its id, gone and emptied,
+  // as after a goodbye whose id does not read (it reads 0).
+  const Json::Value intruder_record = plugin_state(intruder.service_id());
+  EXPECT_TRUE(intruder_record["died"].asBool());
+  EXPECT_EQ(intruder_record["pairs"].size(), 0u);
+  EXPECT_EQ(routed_to("0x3003"), 0);
   const Json::Value state = session_state(session);
   EXPECT_EQ(state["plugins"], parse_json("[" + std::to_string(intruder.service_id()) + "]"));
   EXPECT_EQ(pair_list(state["connected"]), "0x1002/3 ");
