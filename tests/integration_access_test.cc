@@ -5,6 +5,7 @@
 
 #include <lumokit/host_platform.h>
 
+#include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
@@ -12,13 +13,35 @@
 #include "LumoSysAccess.h"
 #include "host/lumo_sys_host.h"
 #include "manager_harness.h"
-#include "sys_fixture.h"
 
 namespace lumokit::test {
 namespace {
 
 using namespace std::chrono_literals;
 namespace host = lumosys::host;
+
+// Waits until the manager's permission-change callback is registered with the
+// live service: a probe grant change (for a process and app no test uses)
+// must reach it.
+bool wait_for_sys_callback(std::chrono::milliseconds timeout) {
+  // Negative pids never belong to a client, so the probe touches no cache
+  // entry; uid 1 is no app of any test policy.
+  static std::atomic<int32_t> probe_pid{-1000};
+  // Never destroyed: manager threads log at any time, also after a test.
+  static LogCapture* const log = new LogCapture();
+  return wait_until(
+      [] {
+        const int32_t pid = probe_pid.fetch_sub(1);
+        if (!host::set_permission(pid, 1, "lumokit.test.PROBE", true)) return false;
+        return log->contains("onpermissionchanged pid : " + std::to_string(pid) + " ");
+      },
+      timeout);
+}
+
+size_t perminfo_cache_size() {
+  std::lock_guard<std::mutex> lock(pid_perminfo_map_mtx);
+  return pid_perminfo_map.size();
+}
 
 constexpr uint32_t kOpcode = 0x100;
 constexpr uint32_t kSubsys = 3;
@@ -54,8 +77,13 @@ class Access : public ::testing::Test {
  protected:
   void SetUp() override {
     bring_up(plugin_, kOpcode, {kSubsys}, "maps");
+    // Linked as at boot, with boot already complete.
     std::string error;
-    ASSERT_TRUE(connect_sys_service(kPolicy, &error)) << error;
+    ASSERT_TRUE(host::load_policy_text(kPolicy, &error)) << error;
+    set_boot_wait_step_for_testing(1);
+    lumokit::host::set_property("sys.boot_completed", "1");
+    ASSERT_EQ(getLumokitSysServiceHandle(), 0);
+    ASSERT_TRUE(wait_for_sys_callback(5000ms));
     session_ = open_session({&plugin_}, 77, kPid, kUid);
   }
 
