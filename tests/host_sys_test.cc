@@ -1,14 +1,13 @@
-// The host stand-in for the system service: policy validation, the answers
-// of each operation, death and restart, permission-change delivery, injected
-// failures. How the manager links to it, relinks after a death and reads its
-// answers is proved in integration_access_test.
+// The host stand-in for the system service: policy validation, its answers,
+// permission-change delivery, calls racing deaths and restarts. How the
+// manager links to it, relinks after each death, reads its answers and copes
+// with its failures is proved in integration_access_test.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <fstream>
 #include <mutex>
@@ -66,25 +65,6 @@ class RecordingCallback : public lumosys::ILumoSysCallback {
   std::vector<std::string> calls_;
 };
 
-// Which of the five operations succeed, '1' each, in the order
-// checkGrantedPermissions, queryInfo, updatePrivacyOperation, getAPIInfo,
-// setPermissionChangeCallback.
-std::string outcomes(lumosys::ILumoSys& service) {
-  std::vector<bool> granted;
-  std::vector<std::string> answers;
-  std::vector<lumosys::APIInfo> infos;
-  int32_t result = -1;
-  const bool ok[] = {
-      service.checkGrantedPermissions(1, 10123, {kCamera}, &granted),
-      service.queryInfo(1, 10123, {"app.name.package"}, &answers),
-      service.updatePrivacyOperation("op", 1, 10123, false, &result),
-      service.getAPIInfo(&infos),
-      service.setPermissionChangeCallback(std::make_shared<RecordingCallback>())};
-  std::string out;
-  for (bool b : ok) out += b ? '1' : '0';
-  return out;
-}
-
 class HostSysTest : public ::testing::Test {
  protected:
   void SetUp() override { host::reset(); }
@@ -102,36 +82,22 @@ class HostSysTest : public ::testing::Test {
 // ---- policy validation ----------------------------------------------------
 
 TEST_F(HostSysTest, MalformedPoliciesAreRefusedWithWhereAndWhat) {
+  // One row per kind of error, in each kind of place.
   const std::pair<const char*, const char*> cases[] = {  // text, error after "policy text: "
       {"[]", "top level: expected an object"},
       {R"({"declard": true})", "top level: unknown member \"declard\""},
-      {R"({"declared": "yes"})", "declared: expected a boolean"},
       {R"({"declared": 1})", "declared: expected a boolean"},
-      {R"({"apis": {}})", "apis: expected an array"},
+      {R"({"apps": {}})", "apps: expected an array"},
       {R"({"apis": ["getLocation"]})", "apis[0]: expected an object"},
       {R"({"apis": [{"permissions": "a"}]})", "apis[0].id: required member missing"},
       {R"({"apis": [{"id": ""}]})", "apis[0].id: must not be empty"},
-      {R"({"apis": [{"id": 7}]})", "apis[0].id: expected a string"},
       {R"({"apis": [{"id": "a"}, {"id": "b"}, {"id": "c", "permissions": 5}]})",
        "apis[2].permissions: expected a string"},
-      {R"({"apis": [{"id": "a", "subsystem": 3}]})", "apis[0].subsystem: expected a string"},
-      {R"({"apis": [{"id": "a", "stop_op": null}]})", "apis[0].stop_op: expected a string"},
       {R"({"apis": [{"id": "a", "permision": "x"}]})", "apis[0]: unknown member \"permision\""},
-      {R"({"apps": {}})", "apps: expected an array"},
-      {R"({"apps": [3]})", "apps[0]: expected an object"},
-      {R"({"apps": [{"package": "p"}]})", "apps[0].uid: required member missing"},
-      {R"({"apps": [{"uid": -1}]})", "apps[0].uid: expected an unsigned 32-bit integer"},
-      {R"({"apps": [{"uid": 1.5}]})", "apps[0].uid: expected an unsigned 32-bit integer"},
+      // jsoncpp itself would take 10123.0 as a uid.
       {R"({"apps": [{"uid": 10123.0}]})", "apps[0].uid: expected an unsigned 32-bit integer"},
-      {R"({"apps": [{"uid": "10123"}]})", "apps[0].uid: expected an unsigned 32-bit integer"},
       {R"({"apps": [{"uid": 4294967296}]})", "apps[0].uid: expected an unsigned 32-bit integer"},
-      {R"({"apps": [{"uid": 1, "package": 2}]})", "apps[0].package: expected a string"},
-      {R"({"apps": [{"uid": 1, "cert_hash": false}]})", "apps[0].cert_hash: expected a string"},
-      {R"({"apps": [{"uid": 1, "foreground": "true"}]})", "apps[0].foreground: expected a boolean"},
-      {R"({"apps": [{"uid": 1, "granted": "android.permission.CAMERA"}]})",
-       "apps[0].granted: expected an array"},
       {R"({"apps": [{"uid": 1, "granted": ["a", 2]}]})", "apps[0].granted[1]: expected a string"},
-      {R"({"apps": [{"uid": 1, "foregrnd": true}]})", "apps[0]: unknown member \"foregrnd\""},
       {R"({"apps": [{"uid": 5}, {"uid": 5}]})", "apps[1].uid: duplicate uid 5"},
   };
   std::string error;
@@ -139,11 +105,16 @@ TEST_F(HostSysTest, MalformedPoliciesAreRefusedWithWhereAndWhat) {
     EXPECT_FALSE(host::load_policy_text(text, &error)) << text;
     EXPECT_EQ(error, std::string("policy text: ") + want) << text;
   }
-  // Not JSON, strictly read: the reader's error on one line.
-  for (const char* text : {"{", R"({"declared": true,})", R"({"declared": true, "declared": false})",
-                           "// comment\n{}", "{} {}"}) {
-    EXPECT_FALSE(host::load_policy_text(text, &error)) << text;
-    EXPECT_EQ(error.rfind("policy text: not valid JSON: Line ", 0), 0u) << error;
+  // Not JSON, strictly read: the reader's error on one line. A key given
+  // twice would hide one of its values; nesting past the reader's limit
+  // makes it throw.
+  const std::string deep = "{\"apis\":" + std::string(100000, '[') + std::string(100000, ']') + "}";
+  const std::pair<std::string, const char*> not_json[] = {
+      {R"({"declared": true, "declared": false})", "policy text: not valid JSON: Line 1, Column 20"},
+      {deep, "policy text: not valid JSON: "}};
+  for (const auto& [text, want] : not_json) {
+    EXPECT_FALSE(host::load_policy_text(text, &error)) << text.substr(0, 80);
+    EXPECT_EQ(error.rfind(want, 0), 0u) << error;
     EXPECT_EQ(error.find('\n'), std::string::npos) << error;
   }
   // None of them changed anything.
@@ -164,135 +135,35 @@ TEST_F(HostSysTest, PolicyFilesAreNamedInTheirErrors) {
   const std::string missing = base + "no_such_policy.json";
   const std::pair<std::string, const char*> files[] = {  // name, content
       {base + "bad_policy.json", R"({"apis": [{"id": "a", "extra1": []}]})"},
-      {base + "broken_policy.json", "{\"declared\": tru}"},
       {base + "good_policy.json", kPolicy}};
   for (const auto& [path, text] : files) std::ofstream(path) << text;
   const std::pair<std::string, std::string> cases[] = {  // path, start of the error
       {missing, missing + ": cannot open: No such file or directory"},
       {::testing::TempDir(), ::testing::TempDir() + ": cannot read: "},
-      {files[0].first, files[0].first + ": apis[0].extra1: expected a string"},
-      {files[1].first, files[1].first + ": not valid JSON: "}};
+      {files[0].first, files[0].first + ": apis[0].extra1: expected a string"}};
   std::string error;
   for (const auto& [path, want] : cases) {
     EXPECT_FALSE(host::load_policy_file(path, &error)) << path;
     EXPECT_EQ(error.substr(0, want.size()), want);
   }
-  EXPECT_TRUE(host::load_policy_file(files[2].first, &error)) << error;
+  EXPECT_TRUE(host::load_policy_file(files[1].first, &error)) << error;
   EXPECT_TRUE(host::is_alive());
   for (const auto& file : files) std::remove(file.first.c_str());
 }
 
-TEST_F(HostSysTest, DeclaredFlagControlsDeclarationAndRegistration) {
-  std::string error;
-  ASSERT_TRUE(host::load_policy_text(R"({"declared": false})", &error)) << error;
-  EXPECT_FALSE(lumosys::isDeclared(lumosys::kLumoSysInstance));
-  EXPECT_EQ(lumosys::getService(lumosys::kLumoSysInstance), nullptr);
-  host::start();  // a service may register without being declared
-  EXPECT_NE(lumosys::getService(lumosys::kLumoSysInstance), nullptr);
-  EXPECT_FALSE(lumosys::isDeclared(lumosys::kLumoSysInstance));
+// ---- answers and permission changes ----------------------------------------
 
-  ASSERT_TRUE(host::load_policy_text("{}", &error)) << error;  // declared by default
-  EXPECT_TRUE(lumosys::isDeclared(lumosys::kLumoSysInstance));
-  EXPECT_FALSE(lumosys::isDeclared("vendor.brx.lumosys.ILumoSys/other"));
-  EXPECT_EQ(lumosys::getService("vendor.brx.lumosys.ILumoSys/other"), nullptr);
-  EXPECT_EQ(lumosys::waitForService(nullptr), nullptr);
-}
-
-// ---- answers ----------------------------------------------------------------
-
-TEST_F(HostSysTest, QueriesPermissionChecksAndPrivacyOperationsAnswerFromThePolicy) {
+TEST_F(HostSysTest, AnswersComeFromThePolicyAndSetPermissionTellsThisIncarnation) {
   auto service = load_and_connect();
   const std::vector<std::string> keys = {"app.id.pid", "app.id.uid", "app.name.package",
                                          "app.id.cert_hash", "app.status.fore_back", "app.unknown"};
-  const struct {
-    int32_t uid;
-    std::vector<std::string> answers;
-    std::vector<bool> granted;  // camera, audio, fine location
-  } cases[] = {
-      {10123, {"", "", "com.example.maps", "SUCCESS:5f0c11", "SUCCESS:foreground", ""}, {true, false, true}},
-      {10200, {"", "", "com.example.radio", "SUCCESS:aa77", "SUCCESS:background", ""}, {false, false, false}},
-      {99999, {"", "", "", "", "", ""}, {false, false, false}},
-  };
-  for (const auto& c : cases) {
-    std::vector<std::string> answers = {"stale"};
-    std::vector<bool> granted = {true};
-    ASSERT_TRUE(service->queryInfo(4711, c.uid, keys, &answers)) << c.uid;
-    ASSERT_TRUE(service->checkGrantedPermissions(1, c.uid, {kCamera, kAudio, kFine}, &granted));
-    EXPECT_EQ(answers, c.answers) << c.uid;
-    EXPECT_EQ(granted, c.granted) << c.uid;
-  }
-  EXPECT_EQ(host::checkGrantedPermissions_calls(), 3);
   std::vector<std::string> answers = {"stale"};
+  ASSERT_TRUE(service->queryInfo(4711, 10200, keys, &answers));
+  EXPECT_EQ(answers, (std::vector<std::string>{"", "", "com.example.radio", "SUCCESS:aa77",
+                                               "SUCCESS:background", ""}));
   ASSERT_TRUE(service->queryInfo(1, 10123, {}, &answers));
   EXPECT_TRUE(answers.empty());
-  int32_t result = -7;
-  ASSERT_TRUE(service->updatePrivacyOperation("android:fine_location", 4711, 10123, true, &result));
-  EXPECT_EQ(result, 0);
-}
 
-// ---- death and restart --------------------------------------------------------
-
-// What a death recipient saw; the cookie points at one of these.
-struct Notice {
-  std::mutex mtx;
-  std::condition_variable cv;
-  int count = 0;
-  std::thread::id thread;
-};
-
-void record_notice(void* cookie) {
-  auto* notice = static_cast<Notice*>(cookie);
-  std::lock_guard<std::mutex> lock(notice->mtx);
-  ++notice->count;
-  notice->thread = std::this_thread::get_id();
-  notice->cv.notify_all();
-}
-
-TEST_F(HostSysTest, KillTellsEachLinkOfItsIncarnationOnceAndDeadProxiesFail) {
-  auto service = load_and_connect();
-  Notice notices[2];
-  for (Notice& notice : notices) {
-    ASSERT_TRUE(lumosys::linkToDeath(service, lumosys::newDeathRecipient(&record_notice), &notice));
-  }
-  EXPECT_EQ(lumosys::newDeathRecipient(nullptr), nullptr);
-  EXPECT_FALSE(lumosys::linkToDeath(nullptr, lumosys::newDeathRecipient(&record_notice), &notices[0]));
-
-  host::kill();
-  for (Notice& notice : notices) {
-    std::unique_lock<std::mutex> lock(notice.mtx);
-    ASSERT_TRUE(notice.cv.wait_for(lock, 5s, [&] { return notice.count > 0; }));
-    EXPECT_NE(notice.thread, std::this_thread::get_id());
-  }
-  EXPECT_FALSE(host::is_alive());
-  EXPECT_EQ(lumosys::getService(lumosys::kLumoSysInstance), nullptr);
-  EXPECT_TRUE(lumosys::isDeclared(lumosys::kLumoSysInstance));
-
-  host::kill();  // already dead: nothing more to tell
-  host::start();
-  auto fresh = lumosys::getService(lumosys::kLumoSysInstance);
-  ASSERT_NE(fresh, nullptr);
-  // Proxies of the dead incarnation fail every call, the new one's succeed.
-  EXPECT_EQ(outcomes(*service), "00000");
-  EXPECT_FALSE(lumosys::linkToDeath(service, lumosys::newDeathRecipient(&record_notice), &notices[0]));
-  EXPECT_TRUE(host::privacy_log().empty());
-  EXPECT_EQ(outcomes(*fresh), "11111");
-  host::kill();  // the old links belonged to the first incarnation
-  std::this_thread::sleep_for(100ms);
-  for (Notice& notice : notices) {
-    std::lock_guard<std::mutex> lock(notice.mtx);
-    EXPECT_EQ(notice.count, 1);
-  }
-  host::start();
-  fresh = lumosys::getService(lumosys::kLumoSysInstance);
-  ASSERT_NE(fresh, nullptr);
-  host::reset();  // ends the live incarnation too
-  EXPECT_EQ(outcomes(*fresh), "00000");
-}
-
-// ---- permission changes -------------------------------------------------------
-
-TEST_F(HostSysTest, SetPermissionChangesGrantsAndTellsTheCallbackOfThisIncarnation) {
-  auto service = load_and_connect();
   auto replaced = std::make_shared<RecordingCallback>();
   auto callback = std::make_shared<RecordingCallback>();
   ASSERT_TRUE(service->setPermissionChangeCallback(replaced));
@@ -306,37 +177,18 @@ TEST_F(HostSysTest, SetPermissionChangesGrantsAndTellsTheCallbackOfThisIncarnati
                                                          "5000 30001 " + kCamera + " 1"}));
   EXPECT_TRUE(callback->off_thread);
   EXPECT_TRUE(replaced->calls().empty());
-
-  std::vector<bool> granted;
-  ASSERT_TRUE(service->checkGrantedPermissions(1, 10123, {kCamera, kAudio}, &granted));
-  EXPECT_EQ(granted, (std::vector<bool>{false, true}));
-  ASSERT_TRUE(service->checkGrantedPermissions(1, 30001, {kCamera}, &granted));
-  EXPECT_EQ(granted, std::vector<bool>{true});
+  std::vector<bool> granted = {true};
+  ASSERT_TRUE(service->checkGrantedPermissions(1, 10123, {kCamera, kAudio, kFine}, &granted));
+  EXPECT_EQ(granted, (std::vector<bool>{false, true, true}));
+  ASSERT_TRUE(service->checkGrantedPermissions(1, 30001, {kCamera, kAudio}, &granted));
+  EXPECT_EQ(granted, (std::vector<bool>{true, false}));
+  EXPECT_EQ(host::checkGrantedPermissions_calls(), 2);
 
   host::kill();
   EXPECT_FALSE(host::set_permission(1, 10123, kCamera, true));
   host::start();
   ASSERT_TRUE(host::set_permission(1, 10123, kCamera, true));
   EXPECT_EQ(callback->calls().size(), 3u);  // the new incarnation has no callback yet
-}
-
-// ---- injected failures ----------------------------------------------------------
-
-TEST_F(HostSysTest, FailNextFailsExactlyThatManyCallsOfThatOperation) {
-  auto service = load_and_connect();
-  host::fail_next("checkGrantedPermissions", 1);
-  host::fail_next("queryInfo", 2);
-  EXPECT_EQ(outcomes(*service), "00111");
-  EXPECT_EQ(outcomes(*service), "10111");
-  for (const char* op : {"updatePrivacyOperation", "getAPIInfo", "setPermissionChangeCallback"}) {
-    host::fail_next(op, 1);
-  }
-  EXPECT_EQ(outcomes(*service), "11000");
-  host::fail_next("getAPIInfo", 3);
-  host::fail_next("getAPIInfo", 0);  // withdrawn
-  EXPECT_EQ(outcomes(*service), "11111");
-  EXPECT_EQ(host::checkGrantedPermissions_calls(), 4);  // failed calls reached the service too
-  EXPECT_EQ(host::privacy_log().size(), 3u);            // the failed call was not recorded
 }
 
 // ---- concurrency ------------------------------------------------------------------

@@ -1,10 +1,11 @@
-// Access control end to end: the manager on its real plugin socket, a raw
-// plugin, client sessions, and the emulated system service deciding grants,
-// dying and coming back.
+// Access control: the manager on its real plugin socket, a raw plugin,
+// client sessions, and the emulated system service deciding grants, failing,
+// dying and coming back; and the link to the service at boot.
 #include <gtest/gtest.h>
 
 #include <lumokit/host_platform.h>
 
+#include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
@@ -12,13 +13,35 @@
 #include "LumoSysAccess.h"
 #include "host/lumo_sys_host.h"
 #include "manager_harness.h"
-#include "sys_fixture.h"
 
 namespace lumokit::test {
 namespace {
 
 using namespace std::chrono_literals;
 namespace host = lumosys::host;
+
+// Waits until the manager's permission-change callback is registered with the
+// live service: a probe grant change (for a process and app no test uses)
+// must reach it.
+bool wait_for_sys_callback(std::chrono::milliseconds timeout) {
+  // Negative pids never belong to a client, so the probe touches no cache
+  // entry; uid 1 is no app of any test policy.
+  static std::atomic<int32_t> probe_pid{-1000};
+  // Never destroyed: manager threads log at any time, also after a test.
+  static LogCapture* const log = new LogCapture();
+  return wait_until(
+      [] {
+        const int32_t pid = probe_pid.fetch_sub(1);
+        if (!host::set_permission(pid, 1, "lumokit.test.PROBE", true)) return false;
+        return log->contains("onpermissionchanged pid : " + std::to_string(pid) + " ");
+      },
+      timeout);
+}
+
+size_t perminfo_cache_size() {
+  std::lock_guard<std::mutex> lock(pid_perminfo_map_mtx);
+  return pid_perminfo_map.size();
+}
 
 constexpr uint32_t kOpcode = 0x100;
 constexpr uint32_t kSubsys = 3;
@@ -32,6 +55,7 @@ constexpr const char* kPolicy = R"({
      "start_op": "android:fine_location", "subsystem": "3"},
     {"id": "stopLocation:0:", "permissions": "android.permission.ACCESS_FINE_LOCATION",
      "stop_op": "android:fine_location", "subsystem": "3"},
+    {"id": "recordAudio:0:", "permissions": "android.permission.CAMERA", "stop_op": "x", "subsystem": "3"},
     {"id": "recordAudio:0:", "permissions": "android.permission.RECORD_AUDIO",
      "start_op": "android:record_audio", "subsystem": "3"},
     {"id": "takePhoto:1:int", "permissions": "android.permission.RECORD_AUDIO:android.permission.CAMERA",
@@ -49,12 +73,17 @@ struct Task {
   std::vector<std::string> args;
 };
 
-class AccessE2E : public ::testing::Test {
+class Access : public ::testing::Test {
  protected:
   void SetUp() override {
     bring_up(plugin_, kOpcode, {kSubsys}, "maps");
+    // Linked as at boot, with boot already complete.
     std::string error;
-    ASSERT_TRUE(connect_sys_service(kPolicy, &error)) << error;
+    ASSERT_TRUE(host::load_policy_text(kPolicy, &error)) << error;
+    set_boot_wait_step_for_testing(1);
+    lumokit::host::set_property("sys.boot_completed", "1");
+    ASSERT_EQ(getLumokitSysServiceHandle(), 0);
+    ASSERT_TRUE(wait_for_sys_callback(5000ms));
     session_ = open_session({&plugin_}, 77, kPid, kUid);
   }
 
@@ -98,7 +127,7 @@ const Task kAudio{"recordAudio", {}};
 const Task kPhoto{"takePhoto", {"int"}};  // needs CAMERA, which is not granted
 const Task kPing{"ping", {}};             // not in the catalogue
 
-TEST_F(AccessE2E, GateDeniesGrantsAndAnswersFromTheCache) {
+TEST_F(Access, GateDeniesGrantsAndAnswersFromTheCache) {
   struct Step {
     Task task;
     bool forwarded;
@@ -111,6 +140,7 @@ TEST_F(AccessE2E, GateDeniesGrantsAndAnswersFromTheCache) {
       // Both are cached now (the denied task cached RECORD_AUDIO too).
       {kLocation, true, 0, "I/LUMOKIT_MANAGER: permission info found"},
       {kPhoto, false, 0, "I/LUMOKIT_MANAGER: Permission Denied"},
+      // Of two catalogue records for one API the later holds, every field.
       {kAudio, true, 0, "I/LUMOKIT_MANAGER: Start Operation"},
       {kPing, true, 0, "E/LUMOKIT_MANAGER: API doesn't require any permission and privacy checks"},
   };
@@ -133,7 +163,7 @@ TEST_F(AccessE2E, GateDeniesGrantsAndAnswersFromTheCache) {
   EXPECT_EQ(host::privacy_log()[2].operation, "android:record_audio");
 }
 
-TEST_F(AccessE2E, ServiceDeathEmptiesTheCacheAndTheGateStillAppliesAfterRelink) {
+TEST_F(Access, ServiceDeathEmptiesTheCacheAndTheGateStillAppliesAfterRelink) {
   expect_forwarded(kLocation);
   ASSERT_EQ(host::checkGrantedPermissions_calls(), 1);
 
@@ -153,9 +183,18 @@ TEST_F(AccessE2E, ServiceDeathEmptiesTheCacheAndTheGateStillAppliesAfterRelink) 
   EXPECT_EQ(host::checkGrantedPermissions_calls(), 2);
   expect_dropped(kPhoto);
   EXPECT_EQ(host::checkGrantedPermissions_calls(), 3);
+
+  // A second death is noticed once, and the link is made once more.
+  host::kill();
+  wait_until_dead();
+  host::start();
+  ASSERT_TRUE(wait_for_sys_callback(3000ms));
+  EXPECT_EQ(log_.count("I/LUMOKIT_SESSION_MANAGER: Lumokit Systemservice Crashed"), 2u);
+  expect_forwarded(kLocation);
+  EXPECT_EQ(host::checkGrantedPermissions_calls(), 4);
 }
 
-TEST_F(AccessE2E, PermissionChangesReachThePluginOfTheTask) {
+TEST_F(Access, PermissionChangesReachThePluginOfTheTask) {
   expect_forwarded(kLocation);
   const std::string head = "{\"req_type\":\"permission_change\", \"opcode\":\"256\", \"ss_id\":\"3\", "
                            "\"session_id\":\"" + std::to_string(session_) +
@@ -177,41 +216,65 @@ TEST_F(AccessE2E, PermissionChangesReachThePluginOfTheTask) {
   ASSERT_TRUE(host::set_permission(999, kUid, kFine, false));
   EXPECT_TRUE(log_.contains("E/LUMOKIT_SESSION_MANAGER: Key not found"));
   EXPECT_EQ(plugin_.recv(300ms), "");
+
+  // A cached grant whose pair no plugin serves any more still changes.
+  const std::string camera = std::to_string(kPid) + ":android.permission.CAMERA";
+  {
+    std::lock_guard<std::mutex> lock(pid_perminfo_map_mtx);
+    pid_perminfo_map[camera].opcode = 0x7777;
+  }
+  ASSERT_TRUE(host::set_permission(kPid, kUid, "android.permission.CAMERA", true));
+  std::lock_guard<std::mutex> lock(pid_perminfo_map_mtx);
+  EXPECT_TRUE(pid_perminfo_map.at(camera).status);
 }
 
-// The reply texts for plugins' questions; the values behind each item are
-// proved case by case in access_units_test.
-TEST_F(AccessE2E, QuestionRepliesWithTheServiceUpAndDown) {
+// What a plugin's questions are answered: with the service up, failing and
+// down; for the session's client, for a client the service does not know
+// (pid 0, uid 0) and for no session at all.
+TEST_F(Access, QuestionRepliesWithTheServiceUpFailingAndDown) {
   const std::string sid = std::to_string(session_);
   const std::string perm = "{\"req_type\":\"PERMISSION\",\"status\": 0,\"PermRes\":";
   const std::string info = "{\"req_type\":\"INFO_QUERY\",\"QueryInfosRes\":";
+  const std::string fine = "\"" + kFine + "\"", camera = "\"android.permission.CAMERA\"";
   const std::string all =
       R"(["app.id.pid","app.id.uid","app.name.package","app.id.cert_hash","app.status.fore_back","app.color"])";
+  const std::string failed = R"("SUCCESS:4711","SUCCESS:10123","SUCCESS:ERROR:Query failed",)"
+                             R"("ERROR:Query failed","ERROR:Query failed",""} )";
   auto permission = [this](const std::string& session, const std::string& names) {
     return plugin_.request("{\"req_type\":\"PERMISSION\",\"Session_Id\":\"" + session +
-                           "\",\"Permissions\":" + names + "}");
+                           "\",\"Permissions\":[" + names + "]}");
   };
   auto query = [this](const std::string& session, const std::string& keys) {
     return plugin_.request("{\"req_type\":\"INFO_QUERY\",\"Session_Id\":\"" + session +
                            "\",\"QueryInfos\":" + keys + "}");
   };
-  EXPECT_EQ(permission(sid, "[\"" + kFine + "\",\"android.permission.CAMERA\"]"), perm + "[\"1\",\"0\"]} ");
-  EXPECT_EQ(permission(sid, "[\"android.permission.CAMERA\",\"" + kFine + "\"]"), perm + "[\"0\",\"1\"]} ");
-  EXPECT_EQ(permission("999", "[]"), perm + "[\"0\"]} ");
+  EXPECT_EQ(permission(sid, fine + "," + camera + "," + fine), perm + "[\"1\",\"0\",\"1\"]} ");
+  EXPECT_EQ(permission(sid, ""), perm + "[\"1\"]} ");
+  EXPECT_EQ(permission("999", fine + "," + camera), perm + "[\"0\",\"0\"]} ");
   EXPECT_EQ(query(sid, all), info + R"("SUCCESS:4711","SUCCESS:10123","SUCCESS:com.example.maps",)"
                                     R"("SUCCESS:5f0c11","SUCCESS:foreground",""} )");
+  EXPECT_EQ(query(sid, "[]"), info + "\"ERROR:Empty requested info\"} ");
+  EXPECT_EQ(query("999", R"(["app.id.pid","x"])"),
+            info + "\"ERROR:Invalid session ID\",\"ERROR:Invalid session ID\"} ");
+  const uint32_t unknown = open_session({&plugin_}, 79, 0, 0);
+  EXPECT_EQ(query(std::to_string(unknown), all),
+            info + R"("ERROR:Query failed","ERROR:Query failed","ERROR:Query failed","","",""} )");
+
+  host::fail_next("checkGrantedPermissions", 1);
+  EXPECT_EQ(permission(sid, fine), perm + "[\"0\"]} ");
+  EXPECT_TRUE(log_.contains("E/LUMOKIT_SESSION_MANAGER: checkGrantedPermissions from package manager failed"));
+  host::fail_next("queryInfo", 1);
+  EXPECT_EQ(query(sid, all), info + failed);
 
   host::kill();
   wait_until_dead();
-  EXPECT_EQ(permission(sid, "[\"" + kFine + "\",\"android.permission.RECORD_AUDIO\"]"),
-            perm + "[\"0\",\"0\"]} ");
-  EXPECT_EQ(permission(sid, "[]"), perm + "[\"1\"]} ");
+  EXPECT_EQ(permission(sid, fine + ",\"android.permission.RECORD_AUDIO\""), perm + "[\"0\",\"0\"]} ");
+  EXPECT_EQ(permission(sid, ""), perm + "[\"1\"]} ");
   EXPECT_TRUE(log_.contains("E/LUMOKIT_SESSION_MANAGER: Failed to connect to LumokitSysService service."));
-  EXPECT_EQ(query(sid, all), info + R"("SUCCESS:4711","SUCCESS:10123","SUCCESS:ERROR:Query failed",)"
-                                    R"("ERROR:Query failed","ERROR:Query failed",""} )");
+  EXPECT_EQ(query(sid, all), info + failed);
 }
 
-TEST_F(AccessE2E, PrivacyOperationsStartStopAndEndWithTheSession) {
+TEST_F(Access, PrivacyOperationsStartStopAndEndWithTheSession) {
   expect_forwarded(kLocation);
   expect_forwarded(kAudio);
   EXPECT_EQ(cancel_answered(plugin_, session_), 0u);

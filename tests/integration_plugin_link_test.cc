@@ -4,7 +4,8 @@
 #include <gtest/gtest.h>
 #include <lumokit/host_platform.h>
 
-#include <fstream>
+#include <filesystem>
+#include <iterator>
 #include <thread>
 
 #include "manager_harness.h"
@@ -18,21 +19,16 @@ using namespace std::chrono_literals;
 // Threads of earlier connections may still be ending; wait for a steady count.
 int settled_thread_count() {
   auto count = [] {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-      if (line.rfind("Threads:", 0) == 0) return std::stoi(line.substr(8));
-    }
-    return -1;
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
   };
-  int last = count();
+  auto last = count();
   for (int i = 0; i < 50; ++i) {
     std::this_thread::sleep_for(20ms);
-    const int now = count();
-    if (now == last) return now;
+    const auto now = count();
+    if (now == last) break;
     last = now;
   }
-  return last;
+  return static_cast<int>(last);
 }
 
 // A JSON text of exactly `size` bytes: `head`, a string of filler, `tail`.
@@ -127,6 +123,9 @@ TEST(IntegrationPluginLink, IgnoredAndRefusedMessages) {
        "{\"req_type\": \"AUTH\",\"opcode\": \"abc\", \"result\": -1} ", e + "Opcode is not valid: abc"},
       {R"({"req_type":"REGS","Opcode":"","Service_Id":102})",
        "{\"req_type\": \"REGS\",\"opcode\": \"\", \"result\": -1} "},
+      {registration_message("REGS", 102, 0x2001, api_def(0x2002, {1}), nullptr),
+       "{\"req_type\": \"REGS\",\"opcode\": \"8193\", \"result\": -1} ",
+       "W/LUMOKIT_SESSION_MANAGER: Registration Failed!!!"},
       {registration_message("AUTH", 102, 0x2001, def, &empty_token), refused, e + "Invalid token."},
       {registration_message("AUTH", 102, 0x2001, def, nullptr), refused,
        e + "Failed to authenticate the LUMOKIT ONE token."},
@@ -135,6 +134,7 @@ TEST(IntegrationPluginLink, IgnoredAndRefusedMessages) {
        e + "Invalid input, out of range input"},
   });
   EXPECT_EQ(log.count("Failed to authenticate the LUMOKIT ONE token."), 2u);
+  EXPECT_TRUE(log.contains(e + "Invalid input, no conversion"));
   // Nothing was registered by any of it.
   const Json::Value entry = plugin_state(102);
   EXPECT_EQ(entry["state"].asInt(), 1);
@@ -153,7 +153,11 @@ TEST(IntegrationPluginLink, FirstRefusedRedyMeansNoSenderEver) {
 
   // The session-start notice is queued but never sent: the client waits out
   // its 3 seconds and the plugin hears nothing.
+  const auto start = std::chrono::steady_clock::now();
   create_session("{}", recording_callback(), 0, 5, kClientPid, kClientUid);
+  const auto waited = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(waited, 2900ms);
+  EXPECT_LT(waited, 4500ms);
   EXPECT_EQ(plugin.recv(300ms), "");
   EXPECT_EQ(callbacks(), (std::vector<Callback>{{LUMO_RESPONSE_CREATE_SESSION, 0, "{}", 1, 5}}));
   EXPECT_TRUE(log.contains("I/LUMOKIT_SESSION_MANAGER: Session not started !!"));
