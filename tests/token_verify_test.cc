@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -168,71 +168,63 @@ TEST(TokenVerify, VerdictAndReasonForEachKindOfToken) {
 
 // ---- lumokit-token ------------------------------------------------------------
 
-struct ToolRun {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
 std::string quoted(const std::string& text) {
   std::string q = "'";
   for (char c : text) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
   return q + "'";
 }
 
-std::string read_file(const fs::path& path) {
+std::string read_file(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-// Each test gets a scratch folder and a way to run the tool in it.
+struct ToolRun {
+  int status;
+  std::string out;
+  std::string err;
+};
+
+// Each test gets a scratch folder to run the tool in.
 class TokenTool : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "lumokit_token_XXXXXX").string();
-    ASSERT_NE(mkdtemp(&pattern[0]), nullptr);
-    dir_ = pattern;
+    char dir[] = "/tmp/lumokit-token-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    dir_ = dir;
   }
-  void TearDown() override {
-    std::error_code ignored;
-    fs::remove_all(dir_, ignored);
-  }
+  void TearDown() override { fs::remove_all(dir_); }
 
+  // lumokit-token with `args` (shell words).
   ToolRun run(const std::string& args) {
-    const fs::path out = dir_ / "tool.out";
-    const fs::path err = dir_ / "tool.err";
-    const std::string tool = std::string(LUMOKIT_BIN_DIR) + "/lumokit-token";
-    const int raw = std::system((quoted(tool) + " " + args + " </dev/null >" + quoted(out.string()) +
-                                 " 2>" + quoted(err.string()))
+    const std::string out = dir_ + "/tool.out", err = dir_ + "/tool.err";
+    const int raw = std::system((quoted(std::string(LUMOKIT_BIN_DIR) + "/lumokit-token") + " " + args +
+                                 " </dev/null >" + quoted(out) + " 2>" + quoted(err))
                                     .c_str());
     return {raw != -1 && WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, read_file(out), read_file(err)};
   }
-
+  // A file in the folder, as a shell word.
   std::string file(const std::string& name, const std::string& content) {
-    std::ofstream(dir_ / name, std::ios::binary) << content;
-    return quoted((dir_ / name).string());
+    std::ofstream(dir_ + "/" + name, std::ios::binary) << content;
+    return quoted(dir_ + "/" + name);
   }
 
-  fs::path dir_;
+  std::string dir_;
 };
 
 // A key of one's own: made, used to sign two opcodes (one definition file
 // holding the array itself, spaced, the other a whole message), and the
-// tokens checked with that key and with the build's.
+// token checked with that key and with the build's.
 TEST_F(TokenTool, SignsAndVerifiesWithTheKeyItIsGiven) {
-  const std::string own_key = (dir_ / "own.pem").string();
+  const std::string own_key = dir_ + "/own.pem";
   ASSERT_EQ(run("keygen --out " + quoted(own_key)).status, 0);
   EXPECT_EQ(fs::status(own_key).permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
-  const std::string camera_file = file("camera.json", kCameraDefSpaced);
-  const std::string audio_file = file("audio.json", std::string(R"({"req_type": "AUTH", "api_def": )") + kAudioDef + "}");
-  const ToolRun signed_run = run("sign --key " + quoted(own_key) + " --opcode 0x1a --api-def " + camera_file +
-                                 " --opcode 27 --api-def " + audio_file);
+  const ToolRun signed_run =
+      run("sign --key " + quoted(own_key) + " --opcode 0x1a --api-def " + file("camera.json", kCameraDefSpaced) +
+          " --opcode 27 --api-def " + file("audio.json", std::string(R"({"req_type": "AUTH", "api_def": )") + kAudioDef + "}"));
   ASSERT_EQ(signed_run.status, 0) << signed_run.err;
   // The newline the tool writes after the token is white space.
   const std::string token = signed_run.out;
-
   const struct {
     std::string key;
     Json::Value message;
@@ -241,7 +233,6 @@ TEST_F(TokenTool, SignsAndVerifiesWithTheKeyItIsGiven) {
   } checks[] = {
       {own_key, auth_message(token, "26", parse_json(kCameraDef)), 0, "OK\n"},
       {own_key, auth_message(token, "27", parse_json(kAudioDef)), 0, "OK\n"},
-      {own_key, auth_message(token, "27", parse_json(kCameraDef)), 1, std::string(kNotForDef) + "\n"},
       {kKeyPem, auth_message(token, "26", parse_json(kCameraDef)), 1, std::string(kAuthenticity) + "\n"},
   };
   for (const auto& check : checks) {
@@ -253,21 +244,15 @@ TEST_F(TokenTool, SignsAndVerifiesWithTheKeyItIsGiven) {
   }
 }
 
+// The two lines are the texts the build embeds from the same key.
 TEST_F(TokenTool, PublicKeyTextsMatchTheEmbeddedKey) {
   const ToolRun printed = run("pubkey-hex --key " + quoted(kKeyPem));
   ASSERT_EQ(printed.status, 0) << printed.err;
-  std::istringstream lines(printed.out);
-  std::string modulus, exponent;
-  std::getline(lines, modulus);
-  std::getline(lines, exponent);
-  ASSERT_EQ(modulus.size(), 514u);
-  EXPECT_EQ(modulus.substr(0, 2), "00");
-  EXPECT_EQ(modulus.find_first_not_of("0123456789ABCDEF"), std::string::npos);
-  EXPECT_EQ(exponent, "010001");
-  const std::string header =
-      read_file(fs::path(LUMOKIT_BIN_DIR).parent_path() / "generated" / "lumokit_token_key.h");
-  EXPECT_NE(header.find("\"" + modulus + "\""), std::string::npos);
-  EXPECT_NE(header.find("\"" + exponent + "\""), std::string::npos);
+  const size_t newline = printed.out.find('\n');
+  ASSERT_NE(newline, std::string::npos) << printed.out;
+  const std::string header = read_file(std::string(LUMOKIT_BIN_DIR) + "/../generated/lumokit_token_key.h");
+  EXPECT_NE(header.find("\"" + printed.out.substr(0, newline) + "\";"), std::string::npos) << printed.out;
+  EXPECT_EQ(printed.out.substr(newline + 1), "010001\n");
 }
 
 TEST_F(TokenTool, RefusesBadArgumentsAndFiles) {
