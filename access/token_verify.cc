@@ -26,7 +26,7 @@ namespace {
 constexpr size_t kMinTokenChars = 512;
 constexpr size_t kSignatureBytes = 256;
 
-// The built-in public key, made once and kept for the life of the process.
+// A public key as libcrypto holds it, or why it could not be made.
 struct VerificationKey {
   RSA* rsa = nullptr;           // null when the key is unusable
   bool install_failed = false;  // otherwise the key check failed
@@ -62,34 +62,35 @@ bool key_is_sound(RSA* rsa) {
   return sound;
 }
 
-VerificationKey* build_key() {
-  auto* key = new VerificationKey();
+VerificationKey build_key(const char* modulus_hex, const char* exponent_hex) {
+  VerificationKey key;
   BIGNUM* n = nullptr;
   BIGNUM* e = nullptr;
-  BN_hex2bn(&n, kLumokitTokenModulusHex);
-  BN_hex2bn(&e, kLumokitTokenExponentHex);
+  BN_hex2bn(&n, modulus_hex);
+  BN_hex2bn(&e, exponent_hex);
   RSA* rsa = RSA_new();
   if (rsa == nullptr || RSA_set0_key(rsa, n, e, nullptr) != 1) {
-    key->install_failed = true;
-    key->error = last_crypto_error();
+    key.install_failed = true;
+    key.error = last_crypto_error();
     BN_free(n);  // not taken over by the failed install
     BN_free(e);
     RSA_free(rsa);
     return key;
   }
   if (!key_is_sound(rsa)) {
-    key->error = last_crypto_error();
+    key.error = last_crypto_error();
     RSA_free(rsa);
     return key;
   }
-  key->rsa = rsa;
+  key.rsa = rsa;
   return key;
 }
 
-const VerificationKey& verification_key() {
+const VerificationKey& built_in_key() {
   // Built on first use (thread-safe static initialisation) and never freed,
   // so a registration still running at exit keeps a valid key.
-  static const VerificationKey* key = build_key();
+  static const VerificationKey* key =
+      new VerificationKey(build_key(kLumokitTokenModulusHex, kLumokitTokenExponentHex));
   return *key;
 }
 
@@ -173,38 +174,36 @@ std::string sha1_lower_hex(const std::string& text) {
 
 void log_error(const char* text) { __android_log_print(ANDROID_LOG_ERROR, kTagLink, "%s", text); }
 
-}  // namespace
-
-int32_t verify_registration_token(const Json::Value& message) {
+// Steps before the key: the token's text decoded to bytes; false (logged)
+// when it is too short or a pair holds no hex digit.
+bool token_bytes(const Json::Value& message, std::string* bytes) {
   const std::string token = token_text(message);
-  if (token.size() < kMinTokenChars) {
+  if (token.size() < kMinTokenChars || !decode_pairs(token, bytes)) {
     log_error("Invalid token.");
-    return -1;
+    return false;
   }
-  std::string bytes;
-  if (!decode_pairs(token, &bytes)) {
-    log_error("Invalid token.");
-    return -1;
-  }
+  return true;
+}
+
+// True when the key can verify; otherwise logs why.
+bool key_usable(const VerificationKey& key) {
+  if (key.rsa != nullptr) return true;
+  __android_log_print(ANDROID_LOG_ERROR, kTagLink,
+                      key.install_failed ? "Error setting public key: %s"
+                                         : "Error in the public key: %s",
+                      key.error.c_str());
+  return false;
+}
+
+// Steps after the key: signature, opcode coverage and definition digest.
+int32_t check_signed_token(const Json::Value& message, const std::string& bytes, RSA* rsa) {
   const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
   const unsigned char* signed_part = data + kSignatureBytes;
   const size_t signed_size = bytes.size() - kSignatureBytes;
 
-  const VerificationKey& key = verification_key();
-  if (key.rsa == nullptr) {
-    if (key.install_failed) {
-      __android_log_print(ANDROID_LOG_ERROR, kTagLink, "Error setting public key: %s",
-                          key.error.c_str());
-    } else {
-      __android_log_print(ANDROID_LOG_ERROR, kTagLink, "Error in the public key: %s",
-                          key.error.c_str());
-    }
-    return -2;
-  }
-
   unsigned char digest[SHA256_DIGEST_LENGTH];
   SHA256(signed_part, signed_size, digest);
-  if (RSA_verify(NID_sha256, digest, SHA256_DIGEST_LENGTH, data, kSignatureBytes, key.rsa) != 1) {
+  if (RSA_verify(NID_sha256, digest, SHA256_DIGEST_LENGTH, data, kSignatureBytes, rsa) != 1) {
     ERR_clear_error();  // don't leave the reason on this thread's queue
     log_error("Failed to validate token authenticity.");
     return -1;
@@ -241,4 +240,24 @@ int32_t verify_registration_token(const Json::Value& message) {
     return -1;
   }
   return 0;
+}
+
+}  // namespace
+
+int32_t verify_registration_token(const Json::Value& message) {
+  std::string bytes;
+  if (!token_bytes(message, &bytes)) return -1;
+  const VerificationKey& key = built_in_key();
+  if (!key_usable(key)) return -2;
+  return check_signed_token(message, bytes, key.rsa);
+}
+
+int32_t verify_registration_token_with_key(const Json::Value& message, const char* modulus_hex,
+                                           const char* exponent_hex) {
+  std::string bytes;
+  if (!token_bytes(message, &bytes)) return -1;
+  const VerificationKey key = build_key(modulus_hex, exponent_hex);
+  const int32_t result = key_usable(key) ? check_signed_token(message, bytes, key.rsa) : -2;
+  RSA_free(key.rsa);
+  return result;
 }

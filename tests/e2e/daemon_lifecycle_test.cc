@@ -1,5 +1,6 @@
-// Starting and stopping lumokitd: one daemon per runtime directory, stale
-// sockets, clean shutdown, and command-line errors.
+// Starting and stopping lumokitd and the example plugin: one daemon per
+// runtime directory, stale sockets, clean shutdown, command-line errors, and
+// the plugin's ways of leaving.
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -8,6 +9,8 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -58,30 +61,53 @@ TEST(DaemonLifecycle, OneDaemonPerDirectoryAndCleanStop) {
   // The refused daemon left the running one's sockets alone.
   EXPECT_EQ(rig.status()["op"], "status");
 
+  // Stopped with a plugin and a client's session attached.
+  rig.start_plugin();
+  auto client = rig.client();
+  open_session(*client, 1, 10123);
   rig.daemon().signal(SIGTERM);
   int status = 0;
   ASSERT_TRUE(rig.daemon().wait_exit(seconds(15), &status));
-  ASSERT_TRUE(WIFEXITED(status));
+  ASSERT_TRUE(WIFEXITED(status)) << rig.daemon_log();
   EXPECT_EQ(WEXITSTATUS(status), 0);
   for (const char* name : {"lumo", "client", "admin", "lumokitd.lock"}) {
     EXPECT_FALSE(exists(rig.runtime_dir() + "/" + name)) << name;
   }
 }
 
-TEST(DaemonLifecycle, StopsOnInterruptWithClientsAndPluginAttached) {
+// The example plugin leaves the manager in order when interrupted (no
+// crash), stops with status 1 when a registration is refused (its
+// location service given the calculator's token, over the folder's own),
+// and with status 2 before connecting when a service has no token.
+TEST(DaemonLifecycle, ExamplePluginLeavesInOrderOrStopsWhenRefused) {
   Rig rig;
   rig.start_daemon();
   rig.start_plugin();
-  auto client = rig.client();
-  open_session(*client, 1, 10123);
-  rig.daemon().signal(SIGINT);
+  rig.plugin().signal(SIGINT);
   int status = 0;
-  ASSERT_TRUE(rig.daemon().wait_exit(seconds(15), &status));
-  ASSERT_TRUE(WIFEXITED(status)) << rig.daemon_log();
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-  EXPECT_FALSE(exists(rig.socket("client")));
-  // The client sees the end of its connection.
-  EXPECT_THROW(client->next(seconds(5)), std::runtime_error);
+  ASSERT_TRUE(rig.plugin().wait_exit(seconds(15), &status));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << rig.plugin_log();
+  EXPECT_TRUE(rig.wait_status([](const Json::Value& s) { return s["state"]["plugins"].empty(); }));
+  EXPECT_EQ(rig.daemon_log().find("Service Plugin crash"), std::string::npos) << rig.daemon_log();
+
+  const std::string tokens = rig.dir() + "/tokens/";
+  const std::vector<std::string> common = {"--socket", rig.socket("lumo"), "--api-dir",
+                                           source_path("examples/api")};
+  const struct {
+    std::vector<std::string> args;
+    int status;
+    const char* output;
+  } runs[] = {
+      {{"--token-dir", tokens, "--token", "0x2002=" + tokens + "calculator.token"}, 1, "refused"},
+      {{"--token", "calculator=" + tokens + "calculator.token"}, 2, "no token for location"},
+  };
+  for (const auto& run : runs) {
+    std::vector<std::string> args = common;
+    args.insert(args.end(), run.args.begin(), run.args.end());
+    std::string output;
+    EXPECT_EQ(run_to_end(bin_path("lumokit-example-plugin"), args, &output), run.status) << output;
+    EXPECT_NE(output.find(run.output), std::string::npos) << output;
+  }
 }
 
 TEST(DaemonLifecycle, CommandLineAndPolicyErrors) {

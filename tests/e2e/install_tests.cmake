@@ -15,5 +15,5 @@ target_compile_options(e2e_socket_handover_test PRIVATE ${LUMOKIT_WARNINGS})
 target_link_libraries(e2e_socket_handover_test PRIVATE lumokit_e2e_support lumokit_plugin
   GTest::gtest_main)
 add_dependencies(e2e_socket_handover_test lumokitd)
-gtest_discover_tests(e2e_socket_handover_test DISCOVERY_TIMEOUT 60
-  PROPERTIES LABELS "e2e;integration" TIMEOUT 120)
+gtest_discover_tests(e2e_socket_handover_test DISCOVERY_TIMEOUT 60)
+list(APPEND e2e_test_lists e2e_socket_handover_test_TESTS)

@@ -18,12 +18,6 @@ lumokit::token::KeyPtr signing_key(const std::string& pem_path) {
 
 }  // namespace
 
-std::string compact_api_def(const Json::Value& api_def) {
-  return lumokit::token::compact_api_def(api_def);
-}
-
-std::string sha1_hex(const std::string& text) { return lumokit::token::sha1_hex(text); }
-
 std::string sign_token(const std::string& pem_path,
                        const std::map<uint32_t, std::string>& op_json) {
   lumokit::token::TokenContent content;
@@ -44,7 +38,8 @@ std::string sign_bytes(const std::string& pem_path, const std::string& message) 
 }
 
 std::string make_token(uint32_t opcode, const Json::Value& api_def) {
-  return sign_token(LUMOKIT_TEST_KEY_PEM, {{opcode, sha1_hex(compact_api_def(api_def))}});
+  return sign_token(LUMOKIT_TEST_KEY_PEM,
+                    {{opcode, lumokit::token::sha1_hex(lumokit::token::compact_api_def(api_def))}});
 }
 
 }  // namespace lumokit::test

@@ -11,11 +11,6 @@
 
 namespace lumokit::test {
 
-// The "api_def" value as the manager digests it: compact JSON.
-std::string compact_api_def(const Json::Value& api_def);
-// SHA-1 as 40 lower-case hexadecimal digits.
-std::string sha1_hex(const std::string& text);
-
 // Token text for a conformance::Token with development issuer/plugin texts
 // and the given opcode -> digest entries, signed with the PEM private key.
 std::string sign_token(const std::string& pem_path, const std::map<uint32_t, std::string>& op_json);

@@ -1,10 +1,12 @@
 // lumokit-token: makes keys, signs API definitions into registration tokens
-// and checks "AUTH" messages the way the manager does.
-#include <exception>
+// and checks "AUTH" messages with the manager's own verifier.
+#include <android/log.h>
 #include <json/json.h>
+#include <lumokit/host_platform.h>
 
 #include <cstdint>
 #include <cstdio>
+#include <exception>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -14,9 +16,9 @@
 #include <utility>
 #include <vector>
 
-#include "token_check.h"
 #include "token_key.h"
 #include "token_sign.h"
+#include "token_verify.h"
 
 namespace {
 
@@ -220,8 +222,22 @@ int run_verify(const Options& options) {
   Json::Value message;
   if (!read_json_file(message_path, &message, &error)) return fail(error);
   if (!message.isObject()) return fail(message_path + ": not a JSON object");
+  lumokit::token::PublicKeyHex hex;
+  if (!lumokit::token::public_key_hex(key.get(), &hex, &error)) return fail(error);
+
+  // The verifier's reason is its last error log line; the log itself stays
+  // off the terminal.
   std::string reason;
-  if (!lumokit::token::check_auth_message(key.get(), message, &reason)) {
+  lumokit::host::set_log_min_priority(ANDROID_LOG_SILENT);
+  const int hook = lumokit::host::add_log_hook(
+      [&reason](int prio, const std::string&, const std::string& msg) {
+        if (prio >= ANDROID_LOG_ERROR) reason = msg;
+      });
+  const int32_t result =
+      verify_registration_token_with_key(message, hex.modulus.c_str(), hex.exponent.c_str());
+  lumokit::host::remove_log_hook(hook);
+  if (result == -2) return fail(key_path + ": " + reason);
+  if (result != 0) {
     std::cout << reason << "\n";
     return kExitRefused;
   }
