@@ -20,24 +20,6 @@ namespace {
 using namespace std::chrono_literals;
 namespace host = lumosys::host;
 
-// Waits until the manager's permission-change callback is registered with the
-// live service: a probe grant change (for a process and app no test uses)
-// must reach it.
-bool wait_for_sys_callback(std::chrono::milliseconds timeout) {
-  // Negative pids never belong to a client, so the probe touches no cache
-  // entry; uid 1 is no app of any test policy.
-  static std::atomic<int32_t> probe_pid{-1000};
-  // Never destroyed: manager threads log at any time, also after a test.
-  static LogCapture* const log = new LogCapture();
-  return wait_until(
-      [] {
-        const int32_t pid = probe_pid.fetch_sub(1);
-        if (!host::set_permission(pid, 1, "lumokit.test.PROBE", true)) return false;
-        return log->contains("onpermissionchanged pid : " + std::to_string(pid) + " ");
-      },
-      timeout);
-}
-
 size_t perminfo_cache_size() {
   std::lock_guard<std::mutex> lock(pid_perminfo_map_mtx);
   return pid_perminfo_map.size();
@@ -79,11 +61,7 @@ class Access : public ::testing::Test {
     bring_up(plugin_, kOpcode, {kSubsys}, "maps");
     // Linked as at boot, with boot already complete.
     std::string error;
-    ASSERT_TRUE(host::load_policy_text(kPolicy, &error)) << error;
-    set_boot_wait_step_for_testing(1);
-    lumokit::host::set_property("sys.boot_completed", "1");
-    ASSERT_EQ(getLumokitSysServiceHandle(), 0);
-    ASSERT_TRUE(wait_for_sys_callback(5000ms));
+    ASSERT_TRUE(connect_sys_service(kPolicy, &error)) << error;
     session_ = open_session({&plugin_}, 77, kPid, kUid);
   }
 

@@ -12,7 +12,6 @@
 #include "LumoManager.h"
 #include "host/lumo_sys_host.h"
 #include "manager_harness.h"
-#include "sys_fixture.h"
 #include "token_signer.h"
 
 namespace lumokit::test {

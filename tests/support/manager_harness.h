@@ -162,4 +162,13 @@ struct Exchange {
 };
 void expect_exchanges(RawPlugin& plugin, const std::vector<Exchange>& cases);
 
+// Loads `policy` into the emulated system service and links the manager to
+// it as at boot (boot already complete); false with `error` saying which step
+// failed.
+bool connect_sys_service(const std::string& policy, std::string* error);
+// Waits until the manager's permission-change callback is registered with the
+// live service: a probe grant change (for a process and app no test uses)
+// must reach it.
+bool wait_for_sys_callback(std::chrono::milliseconds timeout);
+
 }  // namespace lumokit::test
