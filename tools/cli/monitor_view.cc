@@ -158,7 +158,7 @@ std::string event_row(const Json::Value& event, const EventFacts& facts, bool fu
       facts.session != 0 ? "session " + std::to_string(facts.session) : "session -";
   const int64_t ns = event["time_ns"].asInt64();
   char head[160];
-  std::snprintf(head, sizeof(head), "%" PRId64 ".%06" PRId64 " %s %-11s %-14s %-13s %9s  ",
+  std::snprintf(head, sizeof(head), "%" PRId64 ".%06" PRId64 " %s %-11s %-17s %-13s %9s  ",
                 ns / 1000000000, (ns % 1000000000) / 1000, to_manager ? "<-" : "->",
                 party.c_str(), facts.kind.c_str(), session.c_str(),
                 (std::to_string(event["size"].asUInt64()) + " B").c_str());
