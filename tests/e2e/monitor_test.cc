@@ -2,7 +2,9 @@
 // order with its exact text, `lumokit monitor` with filters and a capture
 // read back, and a monitor too slow for the traffic.
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <thread>
 
@@ -191,12 +193,14 @@ TEST(Monitor, EveryMessageInOrderFiltersAndACaptureReadBack) {
   EXPECT_EQ(live_lines.back(), "19 events seen, 19 shown, 0 lost");
   // Time, arrow, plugin or client, kind, session, size, text.
   const std::string time_0 = live_lines[1].substr(0, live_lines[1].find(' '));
-  EXPECT_EQ(live_lines[1], time_0 + R"( <- conn 1      INIT           session -          19 B  {"req_type":"INIT"})");
+  EXPECT_EQ(live_lines[1], time_0 + R"( <- conn 1      INIT              session -          19 B  {"req_type":"INIT"})");
   const std::string time_18 = live_lines[19].substr(0, live_lines[19].find(' '));
-  EXPECT_EQ(live_lines[19], time_18 + " -> client " + seen[18]["client"].asString() +
-                                "    callback       session 1         105 B  kind 2 error 1 handle 0: " +
+  std::string client_column = "client " + seen[18]["client"].asString();
+  client_column.resize(11, ' ');
+  EXPECT_EQ(live_lines[19], time_18 + " -> " + client_column +
+                                " callback          session 1         105 B  kind 2 error 1 handle 0: " +
                                 crash_text);
-  EXPECT_NE(live_lines[3].find(" <- plugin 102  AUTH           session -        1014 B  "
+  EXPECT_NE(live_lines[3].find(" <- plugin 102  AUTH              session -        1014 B  "
                                R"({"req_type":"AUTH","Opcode":"4097","Service_Id":102,"Token":")"),
             std::string::npos);
   EXPECT_EQ(live_lines[3].size() - live_lines[3].find("  {") - 2, 123u) << "cut to 120 bytes and ...";
@@ -273,6 +277,19 @@ TEST(Monitor, ASlowMonitorLosesEventsNotTheManagersTime) {
   EXPECT_EQ(received + lost, expect_seq - first);
   // create_session: call, notice, answer, callback; each task: call, send, recv, callback.
   EXPECT_EQ(received + lost, 4u + 4u * kTasks);
+}
+
+// Whoever may write the runtime folder could put an admin socket of their
+// own there and watch what the daemon's user does.
+TEST(Monitor, ARuntimeFolderOthersMayWriteIsRefused) {
+  TempDir dir;
+  const std::string run = dir.path() + "/run";
+  ASSERT_EQ(mkdir(run.c_str(), 0700), 0);
+  ASSERT_EQ(chmod(run.c_str(), 0777), 0);
+  std::string output;
+  EXPECT_EQ(run_to_end(bin_path("lumokitd"), {"--runtime-dir", run}, &output), 1);
+  EXPECT_NE(output.find("may be written by other users (mode 0777)"), std::string::npos) << output;
+  EXPECT_NE(access((run + "/admin").c_str(), F_OK), 0);
 }
 
 }  // namespace
