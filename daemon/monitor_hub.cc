@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstring>
 #include <deque>
@@ -29,6 +30,11 @@ using EventPtr = std::shared_ptr<MonitorEvent>;
 // Events a monitor's thread takes at once, so that the buffer's lock is
 // held for a few pointer copies only.
 constexpr size_t kBatchEvents = 64;
+// After a batch that was not full, a monitor's thread lets events gather
+// this long: on a busy manager it is then woken about once per interval
+// instead of once per message, and the manager's threads find no waiter
+// to wake. Lines reach a monitor at most this much later.
+constexpr std::chrono::milliseconds kGatherTime(1);
 
 struct Watcher {
   uint64_t next_seq = 0;  // the first event it has not taken
@@ -160,6 +166,7 @@ void write_events(ClientConnection& conn, Watcher* w) {
                            .done());
     }
     for (size_t i = 0; open && i < batch.size(); ++i) open = send_line(event_line(*batch[i]));
+    if (batch.size() < kBatchEvents) std::this_thread::sleep_for(kGatherTime);
     batch.clear();
   }
   // The reader learns of it from its socket.
