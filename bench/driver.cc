@@ -393,6 +393,15 @@ int run_driver(int argc, char** argv) {
     printf("  %-7s %+.1f us (%+.1f%%)\n", mode, on - off, 100.0 * (on - off) / off);
     report["log_cost_us"][mode] = on - off;
   }
+  printf("\nMonitor cost (one monitor attached to lumokitd vs none), end to end p50:\n");
+  report["monitor_cost_us"] = Json::Value(Json::objectValue);
+  for (const char* mode : kModes) {
+    const double on = fig(table, "e2e_monitor", mode, &Result::p50_us);
+    const double off = fig(table, "e2e", mode, &Result::p50_us);
+    if (on < 0 || off < 0) continue;
+    printf("  %-7s %+.1f us (%+.1f%%)\n", mode, on - off, 100.0 * (on - off) / off);
+    report["monitor_cost_us"][mode] = on - off;
+  }
   // What the end-to-end path cannot go below with its hops and parses as
   // they are: two client/plugin round trips on the wire plus the three
   // jsoncpp parses on the way (host envelope, task, plugin answer).

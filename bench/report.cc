@@ -24,6 +24,7 @@ const std::vector<Scenario>& all_scenarios() {
       {"shape_4x1", "SHAPE floor: 4 callers, 1 peer", run_shape_4x1},
       {"task_4x1", "tasks: 4 sessions on 1 plugin", run_task_4x1},
       {"e2e", "end to end: client -> lumokitd (log warn) -> plugin", run_e2e},
+      {"e2e_monitor", "end to end, one monitor attached to lumokitd", run_e2e_monitor},
       {"e2e_min", "end to end, bench's minimal host instead", run_e2e_min},
       {"create_1", "create_session, 1 ready plugin", run_create_1},
       {"create_8", "create_session, 8 ready plugins", run_create_8},

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <thread>
 
 #include <json/json.h>
 
@@ -130,9 +131,33 @@ struct Daemon {
   }
 };
 
-}  // namespace
+// A monitor on the admin socket that takes every event as it comes and
+// drops it, as `lumokit monitor` writing to a fast terminal would.
+struct Monitor {
+  int fd = -1;
+  std::thread reader;
+  bool attach(const std::string& admin_path) {
+    fd = connect_seqpacket(admin_path);
+    std::vector<char> buf(4096);
+    if (fd < 0 || !send_text(fd, "{\"op\":\"monitor\"}") ||
+        receive(fd, buf, 5000).find("\"op\":\"monitor\"") == std::string::npos) {
+      return false;
+    }
+    reader = std::thread([this] {
+      std::vector<char> line(4 << 20);
+      while (recv(fd, line.data(), line.size(), 0) > 0) {
+      }
+    });
+    return true;
+  }
+  ~Monitor() {
+    if (fd >= 0) shutdown(fd, SHUT_RDWR);
+    if (reader.joinable()) reader.join();
+    if (fd >= 0) close(fd);
+  }
+};
 
-Result run_e2e() {
+Result run_e2e_via_lumokitd(bool monitored) {
   Result r;
   std::string exe = self_exe();
   const std::string daemon_path = exe.substr(0, exe.rfind('/')) + "/lumokitd";
@@ -164,6 +189,12 @@ Result run_e2e() {
     r.error = "lumokitd did not accept clients";
     return r;
   }
+  Monitor monitor;
+  if (monitored && !monitor.attach(daemon.dir + "/admin")) {
+    close(client);
+    r.error = "lumokitd did not take a monitor";
+    return r;
+  }
   std::vector<pid_t> plugins;
   if (!start_plugins(daemon.dir + "/lumo", kBaseOpcode, 1, 1, true, &plugins, &r.error)) {
     close(client);
@@ -175,6 +206,11 @@ Result run_e2e() {
   stop_children(&plugins);
   return r;
 }
+
+}  // namespace
+
+Result run_e2e() { return run_e2e_via_lumokitd(false); }
+Result run_e2e_monitor() { return run_e2e_via_lumokitd(true); }
 
 Result run_e2e_min() {
   Result r;

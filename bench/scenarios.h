@@ -52,6 +52,7 @@ Result run_task_1x1_log();
 Result run_task_4x4();
 Result run_task_4x1();
 Result run_e2e();
+Result run_e2e_monitor();
 Result run_e2e_min();
 Result run_create_1();
 Result run_create_8();

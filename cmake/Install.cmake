@@ -51,6 +51,7 @@ install(TARGETS ${LUMOKIT_EXPORTED_LIBS}
 # "lumokit/plugin.h"); see the targets' interfaces.
 install(FILES
     ${CMAKE_SOURCE_DIR}/manager/LumoManager.h
+    ${CMAKE_SOURCE_DIR}/manager/message_tap.h
     ${CMAKE_SOURCE_DIR}/session/LumokitSessionManager.h
   DESTINATION ${LUMOKIT_INSTALL_INCLUDEDIR} COMPONENT dev)
 install(FILES ${CMAKE_SOURCE_DIR}/access/host/lumo_sys_host.h

@@ -9,6 +9,7 @@
 #include "host/lumo_sys_host.h"
 #include "ipc/json_text.h"
 #include "message_fields.h"
+#include "monitor_hub.h"
 #include "session_cleanup.h"
 #include "session_routing.h"
 #include "state_view.h"
@@ -135,16 +136,17 @@ std::string do_status(ConnectionRegistry& registry) {
   out["clients"] = static_cast<Json::UInt64>(registry.client_count());
   out["admins"] = static_cast<Json::UInt64>(registry.admin_count());
   out["owned_sessions"] = static_cast<Json::UInt64>(owned_session_count());
+  out["monitors"] = static_cast<Json::UInt64>(monitor_count());
   return write_json(out);
 }
 
 // Ends any session, whoever owns it, the way a disconnect would.
-std::string do_end_session(const Json::Value& msg) {
+std::string do_end_session(uint64_t admin, const Json::Value& msg) {
   std::string error;
   uint32_t session_id = 0;
   if (!read_uint32(msg, "session_id", true, &session_id, &error)) return error_message(error);
   std::shared_ptr<ClientConnection> owner = session_owner(session_id);
-  bool ended = end_session(session_id);
+  bool ended = end_session(admin, session_id);
   if (ended && owner) release_session(session_id, owner.get());
   log_info("admin ended session %u", session_id);
   Json::Value out = reply_for("end_session");
@@ -155,7 +157,14 @@ std::string do_end_session(const Json::Value& msg) {
 
 }  // namespace
 
-std::string handle_admin_message(ConnectionRegistry& registry, const char* data, size_t length) {
+bool is_monitor_request(const char* data, size_t length) {
+  Json::Value msg;
+  std::string op, error;
+  return read_request(data, length, &msg, &op, &error) && op == "monitor";
+}
+
+std::string handle_admin_message(ConnectionRegistry& registry, uint64_t admin, const char* data,
+                                 size_t length) {
   Json::Value msg;
   std::string op, error;
   if (!read_request(data, length, &msg, &op, &error)) return error_message(error);
@@ -166,7 +175,7 @@ std::string handle_admin_message(ConnectionRegistry& registry, const char* data,
   if (op == "sys_kill") return do_sys_kill();
   if (op == "sys_start") return do_sys_start();
   if (op == "sys_privacy_log") return do_privacy_log();
-  if (op == "end_session") return do_end_session(msg);
+  if (op == "end_session") return do_end_session(admin, msg);
   return error_message("unknown op \"" + op + "\"");
 }
 

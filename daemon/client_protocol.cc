@@ -5,6 +5,8 @@
 #include "ipc/json_text.h"
 #include "json_scan.h"
 #include "message_fields.h"
+#include "monitor_hub.h"
+#include "session_cleanup.h"
 #include "session_routing.h"
 
 namespace lumokitd {
@@ -45,6 +47,14 @@ std::string do_create_session(ClientConnection& conn, const ClientPolicy& policy
   }
   if (session_id != 0 && owned_by_other(session_id, &conn)) return not_owner(session_id);
 
+  if (monitors_watching()) {
+    MonitorEvent event = client_call_event(conn.id(), "create_session", session_id,
+                                           request.data(), request.size());
+    event.handle = handle;
+    event.pid = pid;
+    event.uid = uid;
+    record_client_call(std::move(event));
+  }
   CallScope scope(&conn, session_id, /*creating=*/true);
   create_session(std::move(request), route_manager_callback, session_id, handle, pid, uid);
   return std::string();
@@ -52,6 +62,10 @@ std::string do_create_session(ClientConnection& conn, const ClientPolicy& policy
 
 std::string run_task(ClientConnection& conn, uint32_t session_id, const std::string& text) {
   if (owned_by_other(session_id, &conn)) return not_owner(session_id);
+  if (monitors_watching()) {
+    record_client_call(
+        client_call_event(conn.id(), "perform_task", session_id, text.data(), text.size()));
+  }
   CallScope scope(&conn, session_id);
   perform_task(text, route_manager_callback, session_id);
   return std::string();
@@ -106,7 +120,7 @@ std::string do_cancel_session(ClientConnection& conn, const Json::Value& msg) {
   uint32_t result;
   {
     CallScope scope(&conn, session_id);
-    result = cancel_session(session_id, opcode, subsys);
+    result = cancel_for(conn.id(), session_id, opcode, subsys);
   }
   // The manager drops a session's ids only when the session has ended.
   int32_t pid = 0;

@@ -9,6 +9,7 @@
 #include "daemon_log.h"
 #include "ipc/json_text.h"
 #include "ipc/seqpacket.h"
+#include "monitor_hub.h"
 #include "session_cleanup.h"
 
 namespace lumokitd {
@@ -36,8 +37,11 @@ void serve(ConnectionRegistry& registry, std::shared_ptr<ClientConnection> conn,
                                           std::to_string(lumokit::ipc::kMaxMessage));
     } else if (kind == ConnectionKind::kClient) {
       reply = handle_client_message(*conn, policy, buffer.data.get(), length);
+    } else if (is_monitor_request(buffer.data.get(), length)) {
+      serve_monitor(*conn);
+      break;
     } else {
-      reply = handle_admin_message(registry, buffer.data.get(), length);
+      reply = handle_admin_message(registry, id, buffer.data.get(), length);
     }
     if (!reply.empty()) conn->deliver(std::move(reply));
   }

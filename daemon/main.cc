@@ -28,6 +28,7 @@
 #include "daemon_log.h"
 #include "host/lumo_sys_host.h"
 #include "ipc/seqpacket.h"
+#include "monitor_hub.h"
 #include "options.h"
 #include "runtime_dir.h"
 #include "service_notify.h"
@@ -123,6 +124,7 @@ int run(const Options& opts) {
   if (signal_fd < 0) return fail(kExitFailure, std::string("cannot watch signals: ") + std::strerror(errno));
   signal(SIGPIPE, SIG_IGN);
   lumokit::host::set_log_min_priority(opts.log_priority);
+  set_monitor_buffer(opts.monitor_buffer);
 
   if (!opts.log_file.empty() && !lumokit::host::set_log_file(opts.log_file)) {
     return fail(kExitUsage, "cannot open log file " + opts.log_file + ": " + std::strerror(errno));

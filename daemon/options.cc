@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "ipc/runtime_paths.h"
@@ -7,6 +9,9 @@
 namespace lumokitd {
 
 namespace {
+
+constexpr unsigned long long kMinMonitorBytes = kMinMonitorBuffer;
+constexpr unsigned long long kMaxMonitorBytes = 1u << 30;
 
 // Splits "--name=value" into its parts; "--name" alone leaves value unset.
 void split_option(const char* arg, std::string* name, std::string* value, bool* has_value) {
@@ -103,6 +108,18 @@ bool parse_options(int argc, char** argv, Options* out, std::string* error) {
                  "\"";
         return false;
       }
+    } else if (name == "--monitor-buffer") {
+      if (!take_value("a size in bytes")) return false;
+      char* end = nullptr;
+      errno = 0;
+      const unsigned long long bytes = std::strtoull(value.c_str(), &end, 10);
+      if (value.empty() || value[0] == '-' || *end != '\0' || errno != 0 ||
+          bytes < kMinMonitorBytes || bytes > kMaxMonitorBytes) {
+        *error = "option --monitor-buffer takes bytes from " + std::to_string(kMinMonitorBytes) +
+                 " to " + std::to_string(kMaxMonitorBytes) + ", not \"" + value + "\"";
+        return false;
+      }
+      opts.monitor_buffer = static_cast<size_t>(bytes);
     } else {
       *error = "unknown argument \"" + std::string(argv[i]) + "\"";
       return false;
@@ -124,6 +141,9 @@ const char* usage_text() {
          "  --log-file FILE        append the log to FILE instead of stderr\n"
          "  --log-level LEVEL      lowest priority written: verbose, debug, info, warn or\n"
          "                         error (default info)\n"
+         "  --monitor-buffer BYTES events kept for monitors that read slowly (default\n"
+         "                         16777216, at least 65536); a monitor that falls\n"
+         "                         further behind loses events and is told how many\n"
          "  --help                 show this text\n"
          "Sockets handed over by a supervisor (systemd socket activation: LISTEN_PID,\n"
          "LISTEN_FDS, LISTEN_FDNAMES) are used instead of making them in the runtime\n"

@@ -3,7 +3,10 @@
 
 #include <android/log.h>
 
+#include <cstddef>
 #include <string>
+
+#include "monitor_hub.h"
 
 namespace lumokitd {
 
@@ -14,6 +17,7 @@ struct Options {
   bool trust_client_ids = false;
   std::string log_file;     // empty: stderr
   int log_priority = ANDROID_LOG_INFO;  // records below it are not written
+  size_t monitor_buffer = kDefaultMonitorBuffer;  // bytes of events kept for slow monitors
   bool help = false;
 };
 

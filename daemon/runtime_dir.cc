@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "ipc/runtime_paths.h"
@@ -40,6 +41,19 @@ bool make_directory(const std::string& path, std::string* error) {
   }
   if (!S_ISDIR(st.st_mode)) {
     *error = "runtime directory " + path + " exists but is not a directory";
+    return false;
+  }
+  // Whoever may write the folder may put sockets of their own in place of
+  // ours, the admin socket (and so every monitor's view) included.
+  if (st.st_uid != geteuid()) {
+    *error = "runtime directory " + path + " belongs to uid " + std::to_string(st.st_uid) +
+             ", not to this user";
+    return false;
+  }
+  if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    char mode[8];
+    snprintf(mode, sizeof(mode), "%04o", static_cast<unsigned>(st.st_mode & 07777));
+    *error = "runtime directory " + path + " may be written by other users (mode " + mode + ")";
     return false;
   }
   return true;

@@ -80,15 +80,27 @@ std::string callback_message(lumo_response_t kind, uint32_t session_id, const st
   return out;
 }
 
+namespace {
+
+// The connection whose call is running on this thread, when the callback
+// answers that call: the create_session answer (whose session id is new)
+// and perform_task errors for the session it named.
+ClientConnection* answered_caller(lumo_response_t kind, uint32_t session_id) {
+  ClientConnection* caller = t_call.conn;
+  if (caller != nullptr &&
+      (kind == LUMO_RESPONSE_CREATE_SESSION || session_id == t_call.session_id)) {
+    return caller;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
 void route_manager_callback(lumo_response_t kind, uint32_t session_id, std::string text,
                             int32_t error_flag, uint32_t client_handle) {
   std::string message = callback_message(kind, session_id, text, error_flag, client_handle);
 
-  // Answers made on a client's own call: the create_session answer (whose
-  // session id is new) and perform_task errors for the session it named.
-  ClientConnection* caller = t_call.conn;
-  if (caller != nullptr &&
-      (kind == LUMO_RESPONSE_CREATE_SESSION || session_id == t_call.session_id)) {
+  if (ClientConnection* caller = answered_caller(kind, session_id)) {
     if (kind == LUMO_RESPONSE_CREATE_SESSION && error_flag == 0 && session_id != 0) {
       std::lock_guard<std::mutex> lock(owners_mtx);
       claim_and_deliver_locked(session_id, caller, std::move(message));
@@ -124,6 +136,13 @@ void route_manager_callback(lumo_response_t kind, uint32_t session_id, std::stri
     log_info("client %llu gone; dropped kind %d callback for session %u",
              static_cast<unsigned long long>(owner->id()), static_cast<int>(kind), session_id);
   }
+}
+
+uint64_t callback_client(lumo_response_t kind, uint32_t session_id) {
+  if (ClientConnection* caller = answered_caller(kind, session_id)) return caller->id();
+  std::lock_guard<std::mutex> lock(owners_mtx);
+  auto it = owners.find(session_id);
+  return it == owners.end() ? 0 : it->second->id();
 }
 
 std::shared_ptr<ClientConnection> session_owner(uint32_t session_id) {

@@ -40,6 +40,10 @@ void route_manager_callback(lumo_response_t kind, uint32_t session_id, std::stri
 std::string callback_message(lumo_response_t kind, uint32_t session_id, const std::string& text,
                              int32_t error_flag, uint32_t client_handle);
 
+// The id of the connection a callback made now on this thread goes to, 0
+// when none owns its session yet.
+uint64_t callback_client(lumo_response_t kind, uint32_t session_id);
+
 // Owner of `session_id`, or null when no connection owns it.
 std::shared_ptr<ClientConnection> session_owner(uint32_t session_id);
 // True when the session is owned by a connection other than `conn`.

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -19,6 +20,7 @@
 #include "Service.h"
 #include "json_read.h"
 #include "json_scan.h"
+#include "message_tap.h"
 #include "session_tables.h"
 #include "token_verify.h"
 
@@ -27,8 +29,13 @@ namespace {
 // Enough for the largest queued message to fit in one seqpacket send.
 constexpr int kPluginSocketBuffer = 1 << 20;
 
+// Plugin connections are numbered for the message tap, which names a
+// connection by its number until its "INIT" gives it a service id.
+std::atomic<uint32_t> last_connection_number{0};
+
 struct Connection {
   int fd;
+  uint32_t number = 0;
   std::unique_ptr<char[]> buffer;
   uint32_t limit = kPluginRecvInitial;
   bool grown = false;
@@ -42,9 +49,17 @@ struct Connection {
   std::string reply;  // reused for every direct reply
 };
 
+int32_t tap_service_id(const Connection& c) { return c.current ? c.current_id : 0; }
+
 // Direct replies carry one trailing blank; a failed reply is not retried.
-void send_reply(Connection& c) {
+// The tap hears of a reply before it is sent, so that it comes before
+// anything the plugin does on receiving it.
+void send_reply(Connection& c, uint32_t session_id = 0) {
   c.reply.push_back(' ');
+  if (lumo_tap_observer tap = lumokit_message_tap()) {
+    tap_plugin_message(tap, LUMO_TAP_REPLY, tap_service_id(c), c.number, session_id,
+                       c.reply.data(), c.reply.size());
+  }
   sendto(c.fd, c.reply.data(), c.reply.size(), MSG_NOSIGNAL, nullptr, 0);
 }
 
@@ -242,7 +257,8 @@ void handle_exec_task(Connection& c, uint32_t session_id, uint32_t transac_id, s
   lumo_callback callback = find_session_callback(session_id);
   if (callback == nullptr) return;
   const size_t len = strnlen(c.buffer.get(), received);
-  callback(LUMO_RESPONSE_TASK, session_id, std::string(c.buffer.get(), len), 0, transac_id);
+  call_client(callback, tap_service_id(c), LUMO_RESPONSE_TASK, session_id,
+              std::string(c.buffer.get(), len), 0, transac_id);
 }
 
 bool read_session_id(const Json::Value& root, unsigned int* session_id) {
@@ -270,7 +286,7 @@ void handle_permission(Connection& c, const Json::Value& root) {
     c.reply += results[i] ? "\"1\"" : "\"0\"";
   }
   c.reply += "]}";
-  send_reply(c);
+  send_reply(c, session_id);
 }
 
 void handle_info_query(Connection& c, const Json::Value& root) {
@@ -295,7 +311,7 @@ void handle_info_query(Connection& c, const Json::Value& root) {
   c.reply = "{\"req_type\":\"INFO_QUERY\",\"QueryInfosRes\":";
   c.reply += vector_to_string_with_qutoes(std::move(results));
   c.reply += "}";
-  send_reply(c);
+  send_reply(c, session_id);
 }
 
 // Stops a record's sender and marks it gone.
@@ -364,6 +380,7 @@ void configure_socket(int fd) {
 void* svc_hal_handler_thread(void* arg) {
   Connection c;
   c.fd = static_cast<int>(reinterpret_cast<intptr_t>(arg));
+  c.number = ++last_connection_number;
   c.buffer.reset(new (std::nothrow) char[kPluginRecvInitial]);
   // Default settings: comments are kept, so that an API definition is
   // digested and stored with them.
@@ -383,15 +400,25 @@ void* svc_hal_handler_thread(void* arg) {
     if (n <= 0) {
       // Nothing received: a plugin that is gone makes the probe fail with EPIPE.
       static const char kProbe[] = "PING ";
-      if (sendto(c.fd, kProbe, sizeof(kProbe) - 1, MSG_NOSIGNAL, nullptr, 0) < 0 &&
-          errno == EPIPE) {
-        handle_death(c);
-        break;
+      if (sendto(c.fd, kProbe, sizeof(kProbe) - 1, MSG_NOSIGNAL, nullptr, 0) < 0) {
+        if (errno == EPIPE) {
+          handle_death(c);
+          break;
+        }
+      } else if (lumo_tap_observer tap = lumokit_message_tap()) {
+        // Only a probe that went out: the plugin answers none, so telling
+        // of it after the send keeps the order.
+        tap_plugin_message(tap, LUMO_TAP_REPLY, tap_service_id(c), c.number, 0, kProbe,
+                           sizeof(kProbe) - 1);
       }
       continue;
     }
     const size_t received = static_cast<size_t>(n);
     const char* begin = c.buffer.get();
+    if (lumo_tap_observer tap = lumokit_message_tap()) {
+      tap_plugin_message(tap, LUMO_TAP_FROM_PLUGIN, tap_service_id(c), c.number, 0, begin,
+                         received);
+    }
     // Task results are the bulk of the traffic: a plain one is read in one
     // pass. Everything else, and anything unusual, goes to the JSON library.
     PluginMessageScan scan;

@@ -11,6 +11,7 @@
 
 #include "LumoManager.h"
 #include "Service.h"
+#include "message_tap.h"
 
 namespace {
 
@@ -60,6 +61,9 @@ void* manager_send(void* arg) {
   std::deque<std::string>* queue = svc->get_svc_hal_queue();
   size_t* bytes = svc->get_svc_hal_queue_bytes();
   const int fd = svc->get_servicehal_socket_fd();
+  // Whether the tap has heard of the front message: a message retried on a
+  // full socket is told of once.
+  bool front_tapped = false;
 
   std::unique_lock<std::mutex> lock(*mtx);
   for (;;) {
@@ -74,6 +78,14 @@ void* manager_send(void* arg) {
     size_t len = text.size();
     if (const void* nul = memchr(text.data(), '\0', len)) {
       len = static_cast<size_t>(static_cast<const char*>(nul) - text.data());
+    }
+    // Before the send, so that the tap hears of the message before the
+    // plugin's answer to it.
+    if (!front_tapped) {
+      if (lumo_tap_observer tap = lumokit_message_tap()) {
+        tap_plugin_message(tap, LUMO_TAP_TO_PLUGIN, svc->get_svc_id(), 0, 0, text.data(), len);
+      }
+      front_tapped = true;
     }
     if (sendto(fd, text.data(), len, MSG_NOSIGNAL | MSG_DONTWAIT, nullptr, 0) == -1) {
       const int error = errno;
@@ -90,6 +102,7 @@ void* manager_send(void* arg) {
     }
     *bytes -= std::min(*bytes, queued_cost(text));
     queue->pop_front();
+    front_tapped = false;
   }
   return nullptr;
 }

@@ -5,6 +5,7 @@
 
 #include "Service.h"
 #include "json_read.h"
+#include "message_tap.h"
 #include "session_tables.h"
 
 int register_client(int svc_id, unsigned int opcode, Json::Value def) {
@@ -123,7 +124,7 @@ int de_register_client(int svc_id, std::shared_ptr<Service> svc) {
     if (callback != nullptr) {
       // Every session hears of all the plugin's pairs, not only those it started.
       if (notice.empty()) notice = create_crash_response(crash_map);
-      callback(LUMO_RESPONSE_TASK, session_id, notice, 1, 0);
+      call_client(callback, svc_id, LUMO_RESPONSE_TASK, session_id, notice, 1, 0);
     }
   }
   for (auto& entry : crash_map) delete entry.second;

@@ -2,6 +2,7 @@
 // that came back), and the capability report that answers it.
 #include <android/log.h>
 
+#include "message_tap.h"
 #include "session_tables.h"
 
 namespace {
@@ -120,7 +121,7 @@ void create_session(std::string /*request*/, lumo_callback callback, uint32_t se
 
   if (accepted->empty()) {
     delete accepted;
-    callback(LUMO_RESPONSE_CREATE_SESSION, 0, "{}", 1, client_handle);
+    call_client(callback, 0, LUMO_RESPONSE_CREATE_SESSION, 0, "{}", 1, client_handle);
     return;
   }
 
@@ -163,12 +164,13 @@ void create_session(std::string /*request*/, lumo_callback callback, uint32_t se
       }
       remove_pid_uid_session_id(session_id);
     }
-    callback(LUMO_RESPONSE_CREATE_SESSION, 0, "{}", 1, client_handle);
+    call_client(callback, 0, LUMO_RESPONSE_CREATE_SESSION, 0, "{}", 1, client_handle);
     return;
   }
 
   OpcodeMap* map = set_to_map_converison(report_pairs);
   std::string report = create_authentication_json_response(*map);
   free_opcode_map(map);
-  callback(LUMO_RESPONSE_CREATE_SESSION, session_id, std::move(report), 0, client_handle);
+  call_client(callback, 0, LUMO_RESPONSE_CREATE_SESSION, session_id, std::move(report), 0,
+              client_handle);
 }

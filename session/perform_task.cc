@@ -8,6 +8,7 @@
 #include "LumoSysAccess.h"
 #include "json_read.h"
 #include "json_scan.h"
+#include "message_tap.h"
 #include "session_tables.h"
 
 namespace {
@@ -19,7 +20,8 @@ constexpr int32_t kStatusNotGranted = -8;
 
 void answer_error(lumo_callback callback, const std::string& request, uint32_t session_id,
                   int32_t status, uint32_t transac_id) {
-  callback(LUMO_RESPONSE_TASK, session_id, create_error_response(request, status), 0, transac_id);
+  call_client(callback, 0, LUMO_RESPONSE_TASK, session_id, create_error_response(request, status),
+              0, transac_id);
 }
 
 // Base-16 reading of the task's opcode text; unreadable text gives 0.
@@ -241,13 +243,13 @@ bool read_with_library(const std::string& request, lumo_callback callback, uint3
   if (!parse_json_safely(*reader, request.data(), request.data() + request.size(), root,
                          &errors)) {
     __android_log_print(ANDROID_LOG_WARN, kTagSession, "Parsing Failed!!!");
-    callback(LUMO_RESPONSE_TASK, session_id, "", 0, 0);
+    call_client(callback, 0, LUMO_RESPONSE_TASK, session_id, "", 0, 0);
     return false;
   }
   if (!sanitizingJson(*root)) {
     __android_log_print(ANDROID_LOG_WARN, kTagSession,
                         "Sanitizing Failed!!! Input is not aligned with the criteria");
-    callback(LUMO_RESPONSE_TASK, session_id, "", 0, 0);
+    call_client(callback, 0, LUMO_RESPONSE_TASK, session_id, "", 0, 0);
     return false;
   }
   const Json::Value& doc = *root;

@@ -8,6 +8,7 @@
 
 #include "admin_commands.h"
 #include "ipc/runtime_paths.h"
+#include "monitor_command.h"
 #include "session_commands.h"
 
 namespace {
@@ -22,8 +23,8 @@ void print_usage(FILE* out) {
                "                      else /tmp/lumokit-$UID)\n"
                "  --json              print the daemon's JSON messages, one per line\n"
                "  --timeout SECONDS   how long to wait for an answer (default 5)\n"
-               "commands:\n%s%s",
-               session_usage(), admin_usage());
+               "commands:\n%s%s%s",
+               session_usage(), admin_usage(), monitor_usage());
 }
 
 int usage_error(const std::string& message) {
@@ -67,6 +68,8 @@ int run(int argc, char** argv) {
   int rc = run_session_command(settings, words, &handled);
   if (handled) return rc;
   rc = run_admin_command(settings, words, &handled);
+  if (handled) return rc;
+  rc = run_monitor_command(settings, words, &handled);
   if (handled) return rc;
   return usage_error("unknown command \"" + words[0] + "\"");
 }
