@@ -215,13 +215,17 @@ TEST_F(HostSysTest, QueriesPermissionChecksAndPrivacyOperationsAnswerFromThePoli
   };
   for (const auto& c : cases) {
     std::vector<std::string> answers = {"stale"};
-    std::vector<bool> granted = {true};
+    std::vector<bool> granted(3, true);
     ASSERT_TRUE(service->queryInfo(4711, c.uid, keys, &answers)) << c.uid;
     ASSERT_TRUE(service->checkGrantedPermissions(1, c.uid, {kCamera, kAudio, kFine}, &granted));
     EXPECT_EQ(answers, c.answers) << c.uid;
     EXPECT_EQ(granted, c.granted) << c.uid;
   }
   EXPECT_EQ(host::checkGrantedPermissions_calls(), 3);
+  // An out array is filled to the caller's size only, as through binder.
+  std::vector<bool> unsized;
+  ASSERT_TRUE(service->checkGrantedPermissions(1, 10123, {kCamera}, &unsized));
+  EXPECT_TRUE(unsized.empty());
   std::vector<std::string> answers = {"stale"};
   ASSERT_TRUE(service->queryInfo(1, 10123, {}, &answers));
   EXPECT_TRUE(answers.empty());
@@ -307,9 +311,10 @@ TEST_F(HostSysTest, SetPermissionChangesGrantsAndTellsTheCallbackOfThisIncarnati
   EXPECT_TRUE(callback->off_thread);
   EXPECT_TRUE(replaced->calls().empty());
 
-  std::vector<bool> granted;
+  std::vector<bool> granted(2);
   ASSERT_TRUE(service->checkGrantedPermissions(1, 10123, {kCamera, kAudio}, &granted));
   EXPECT_EQ(granted, (std::vector<bool>{false, true}));
+  granted.resize(1);
   ASSERT_TRUE(service->checkGrantedPermissions(1, 30001, {kCamera}, &granted));
   EXPECT_EQ(granted, std::vector<bool>{true});
 
