@@ -136,7 +136,7 @@ void Rig::start_plugin() {
                         &token);
     if (rc != 0) throw std::runtime_error("lumokit-token failed: " + token);
     FILE* f = fopen((tokens + "/" + api.first + ".token").c_str(), "w");
-    if (f == nullptr) throw std::runtime_error("cannot write token");
+    if (f == nullptr) throw std::runtime_error(std::string("cannot write token: ") + std::strerror(errno) + " " + tokens);
     fwrite(token.data(), 1, token.size(), f);
     fclose(f);
   }
