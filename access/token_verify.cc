@@ -43,10 +43,14 @@ std::string last_crypto_error() {
 
 // OpenSSL's RSA_check_key wants the private factors and reports them missing
 // for a key of modulus and exponent alone, which the device's libcrypto
-// accepts as it is. Such a key gets the EVP public-key validation instead,
-// which still rejects a malformed modulus or exponent.
+// (BoringSSL) accepts as it is. Under OpenSSL such a key gets the EVP
+// public-key validation instead, which still rejects a malformed modulus or
+// exponent; BoringSSL has no such call and needs none.
 bool key_is_sound(RSA* rsa) {
   if (RSA_check_key(rsa) == 1) return true;
+#if defined(OPENSSL_IS_BORINGSSL)
+  return false;
+#else
   const unsigned long code = ERR_peek_last_error();
   if (ERR_GET_LIB(code) != ERR_LIB_RSA || ERR_GET_REASON(code) != RSA_R_VALUE_MISSING) return false;
   ERR_clear_error();
@@ -60,6 +64,7 @@ bool key_is_sound(RSA* rsa) {
   }
   EVP_PKEY_free(pkey);
   return sound;
+#endif
 }
 
 VerificationKey build_key(const char* modulus_hex, const char* exponent_hex) {

@@ -15,9 +15,23 @@ target_include_directories(lumokit_manager
     $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/session>
     $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/access>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/lumokit>)
+# The manager's own libcrypto. On the device it is BoringSSL; these name
+# another one (scripts/check-device gives Debian's build of Android's
+# BoringSSL) while the tools and tests keep OpenSSL.
+set(LUMOKIT_MANAGER_CRYPTO_LIBRARY "" CACHE FILEPATH "libcrypto for the manager library (default: OpenSSL's)")
+set(LUMOKIT_MANAGER_CRYPTO_INCLUDE_DIR "" CACHE PATH "folder holding that libcrypto's openssl/ headers")
+if(LUMOKIT_MANAGER_CRYPTO_LIBRARY)
+  add_library(lumokit_manager_crypto SHARED IMPORTED)
+  set_target_properties(lumokit_manager_crypto PROPERTIES
+    IMPORTED_LOCATION "${LUMOKIT_MANAGER_CRYPTO_LIBRARY}"
+    INTERFACE_INCLUDE_DIRECTORIES "${LUMOKIT_MANAGER_CRYPTO_INCLUDE_DIR}")
+else()
+  add_library(lumokit_manager_crypto ALIAS OpenSSL::Crypto)
+endif()
+
 target_link_libraries(lumokit_manager
   PUBLIC lumokit_platform PkgConfig::JSONCPP Threads::Threads
-  PRIVATE lumokit_token_proto OpenSSL::Crypto)
+  PRIVATE lumokit_token_proto lumokit_manager_crypto)
 set_target_properties(lumokit_manager PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION 1
   EXPORT_NAME manager)
 # The name an installed package gives it, usable in this tree too.

@@ -2,8 +2,15 @@
 
 namespace {
 
-// Beyond this a double overflows, and the JSON library refuses the number.
-constexpr long kMaxDecimalMagnitude = 307;
+// Powers of ten between which a double converts without overflow or
+// underflow: the first significant digit of a vouched number lies in this
+// range (or the number is zero). Outside it the JSON library's answer
+// depends on its C++ library: libc++ (Android) refuses an underflow that
+// libstdc++ turns into zero, so such numbers are left to the library.
+constexpr long kMaxPowerOfTen = 307;
+constexpr long kMinPowerOfTen = -307;
+// Counters stop here; far beyond either bound, and no overflow.
+constexpr long kCountCap = 100000;
 
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
@@ -175,31 +182,40 @@ bool JsonScanner::number(std::string_view* token) {
   const char* start = p_;
   if (p_ != end_ && *p_ == '-') ++p_;
   if (p_ == end_ || !is_digit(*p_)) return false;
-  long magnitude = 1;  // decimal digits before the point
+  bool zero = true;  // every digit so far is 0
+  long lead = 0;     // power of ten of the first significant digit
   if (*p_++ != '0') {
+    zero = false;
     while (p_ != end_ && is_digit(*p_)) {
       ++p_;
-      if (++magnitude > kMaxDecimalMagnitude) return false;
+      if (++lead > kMaxPowerOfTen) return false;
     }
   }
   if (p_ != end_ && *p_ == '.') {
     ++p_;
     if (p_ == end_ || !is_digit(*p_)) return false;
-    while (p_ != end_ && is_digit(*p_)) ++p_;
+    for (long place = -1; p_ != end_ && is_digit(*p_); ++p_) {
+      if (zero && *p_ != '0') {
+        zero = false;
+        lead = place;
+      }
+      if (place > -kCountCap) --place;
+    }
   }
+  long exponent = 0;
   if (p_ != end_ && (*p_ == 'e' || *p_ == 'E')) {
     ++p_;
     bool negative = false;
     if (p_ != end_ && (*p_ == '+' || *p_ == '-')) negative = *p_++ == '-';
     if (p_ == end_ || !is_digit(*p_)) return false;
-    long exponent = 0;
     while (p_ != end_ && is_digit(*p_)) {
-      if (exponent < 100000) exponent = exponent * 10 + (*p_ - '0');
+      if (exponent < kCountCap) exponent = exponent * 10 + (*p_ - '0');
       ++p_;
     }
-    // Tiny values become zero, which the library accepts.
-    if (!negative && magnitude + exponent > kMaxDecimalMagnitude) return false;
+    if (negative) exponent = -exponent;
   }
+  // Zero converts exactly, whatever its exponent.
+  if (!zero && (lead + exponent > kMaxPowerOfTen || lead + exponent < kMinPowerOfTen)) return false;
   *token = std::string_view(start, static_cast<size_t>(p_ - start));
   return true;
 }

@@ -4,9 +4,10 @@
 // text, accepts it and yields the same values, or it answers "fall back" and
 // the caller parses with the library as before. Only plain shapes are
 // vouched for; comments, a byte-order mark, anything after the value,
-// control characters in strings, lone surrogates, deep nesting, numbers a
-// double cannot hold, escapes in the picked values or in the member names
-// beside them, and a picked member given twice all fall back.
+// control characters in strings, lone surrogates, deep nesting, numbers
+// whose conversion to a double could overflow or underflow, escapes in the
+// picked values or in the member names beside them, and a picked member
+// given twice all fall back.
 #pragma once
 
 #include <array>

@@ -104,7 +104,9 @@ bool pass_privacy_gate(const std::string& api_key, const TaskClient& client) {
     }
   }
   if (!to_query.empty()) {
-    std::vector<bool> answers;
+    // An out array: the proxy sends only its size, and the service fills
+    // that many entries, so it is sized to the question.
+    std::vector<bool> answers(to_query.size(), false);
     if (!sys->checkGrantedPermissions(client.pid, static_cast<int32_t>(client.uid), to_query,
                                       &answers)) {
       // The task is refused; the entries made for this query go again so

@@ -34,10 +34,11 @@ namespace {
 namespace sys_aidl = ::aidl::vendor::brx::lumosys;
 
 // Receives the service's calls on a binder pool thread and hands them to the
-// manager's callback.
+// manager's callback. Inside this class the bare name ILumoSysCallback is the
+// generated interface (a base class's name), so the seam's is spelt in full.
 class CallbackForwarder : public sys_aidl::BnLumoSysCallback {
  public:
-  explicit CallbackForwarder(std::shared_ptr<ILumoSysCallback> target)
+  explicit CallbackForwarder(std::shared_ptr<::lumosys::ILumoSysCallback> target)
       : target_(std::move(target)) {}
 
   ndk::ScopedAStatus onpermissionchanged(int32_t in_pid, int32_t in_uid,
@@ -49,10 +50,10 @@ class CallbackForwarder : public sys_aidl::BnLumoSysCallback {
     return ndk::ScopedAStatus::ok();
   }
 
-  const std::shared_ptr<ILumoSysCallback>& target() const { return target_; }
+  const std::shared_ptr<::lumosys::ILumoSysCallback>& target() const { return target_; }
 
  private:
-  const std::shared_ptr<ILumoSysCallback> target_;
+  const std::shared_ptr<::lumosys::ILumoSysCallback> target_;
 };
 
 // One binder object per manager callback, so every registration (also after a

@@ -43,10 +43,12 @@ bool HostLumoSys::checkGrantedPermissions(int32_t /*pid*/, int32_t uid,
   if (take_failure_locked(state, kOpCheckGrantedPermissions)) return false;
   if (granted == nullptr) return false;
   const HostApp* app = find_app(state, uid);
-  std::vector<bool> answer;
-  answer.reserve(permissions.size());
-  for (const std::string& name : permissions) {
-    answer.push_back(app != nullptr && app->granted.count(name) > 0);
+  // `granted` is an out array: the NDK proxy sends only its size, the
+  // service fills an array of that size and the caller reads it back. A
+  // caller that did not size it learns nothing, as on a device.
+  std::vector<bool> answer(granted->size(), false);
+  for (size_t i = 0; i < answer.size() && i < permissions.size(); ++i) {
+    answer[i] = app != nullptr && app->granted.count(permissions[i]) > 0;
   }
   *granted = std::move(answer);
   return true;
