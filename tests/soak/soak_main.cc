@@ -4,7 +4,6 @@
 // notices, the state left behind, the daemon's threads, descriptors and
 // memory, its stop and the sanitizer logs are checked. One summary line.
 #include <signal.h>
-#include <sys/wait.h>
 
 #include <filesystem>
 #include <fstream>
@@ -314,12 +313,10 @@ int main(int argc, char** argv) {
   }
   soak.stop = true;
   for (std::thread& t : clients) t.join();
-  int status = 0;
   rig.daemon().signal(SIGTERM);
-  if (!rig.daemon().wait_exit(seconds(20), &status)) {
-    soak.fail("daemon alive", "lumokitd did not stop within 20 s of SIGTERM");
-  } else if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    soak.fail("daemon alive", "lumokitd ended with wait status " + std::to_string(status));
+  if (const int code = rig.daemon().wait_exit(seconds(20)); code != 0) {
+    soak.fail("daemon alive", code < 0 ? "lumokitd did not stop within 20 s of SIGTERM"
+                                       : "lumokitd exited with " + std::to_string(code));
   }
 
   const uint64_t required = check_notices(soak, chaos);
