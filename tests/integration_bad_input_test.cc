@@ -113,11 +113,7 @@ TEST(BadInput, WrongMemberTypesForEveryKind) {
     return R"({"req_type":"AUTH",)" + members + ",\"api_def\":" +
            Json::writeString(Json::StreamWriterBuilder(), lamp) + "}";
   };
-  // The registration and readiness replies differ only in their kind.
-  auto reply = [](const char* kind, const std::string& opcode, int result) {
-    return std::string("{\"req_type\": \"") + kind + "\",\"opcode\": \"" + opcode +
-           "\", \"result\": " + std::to_string(result) + "} ";
-  };
+  const auto reply = registration_reply;
   const std::string bad_token = "E/LUMOKIT_SESSION_MANAGER: Invalid token.";
   const std::string no_entry = "E/LUMOKIT_SESSION_MANAGER: No entry for this session_id";
   const std::string regs = R"({"req_type":"REGS","Opcode":"8193","Service_Id":)";
@@ -263,8 +259,7 @@ TEST(BadInput, FloodFromOnePluginLeavesOthersServed) {
       ADD_FAILURE() << "task " << transac << " did not reach its plugin";
       return false;
     }
-    worker.send("{\"req_type\":\"exec_task\",\"session_id\":" + sid + ",\"transac_id\":" +
-                std::to_string(transac) + "}");
+    worker.send(exec_answer(session, transac));
     if (!wait_for_callbacks(transac, 5s)) {
       ADD_FAILURE() << "task " << transac << " was not answered";
       return false;

@@ -1,7 +1,7 @@
 // What a plugin or client sees in the corners: members read as the JSON
 // library reads them, comments kept in API definitions, the unknown-session
-// answer given with no lock held, a privacy stop releasing every start, and
-// one plugin that stops reading holding up nobody but itself.
+// answer given with no lock held, and one plugin that stops reading holding
+// up nobody but itself.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -10,7 +10,6 @@
 #include <thread>
 
 #include "LumoManager.h"
-#include "host/lumo_sys_host.h"
 #include "manager_harness.h"
 #include "token_signer.h"
 
@@ -19,22 +18,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-
-std::string compact(const Json::Value& value) {
-  Json::StreamWriterBuilder writer;
-  writer["indentation"] = "";
-  return Json::writeString(writer, value);
-}
-
-std::string opcode_reply(const char* kind, const std::string& opcode, int result) {
-  return std::string("{\"req_type\": \"") + kind + "\",\"opcode\": \"" + opcode +
-         "\", \"result\": " + std::to_string(result) + "} ";
-}
-
-std::string exec_answer(uint32_t session_id, uint32_t transac_id) {
-  return "{\"req_type\":\"exec_task\",\"session_id\":" + std::to_string(session_id) +
-         ",\"transac_id\":" + std::to_string(transac_id) + "}";
-}
 
 TEST(Exactness, MembersReadAsTheJsonLibraryReadsThem) {
   RawPlugin plugin;
@@ -53,11 +36,11 @@ TEST(Exactness, MembersReadAsTheJsonLibraryReadsThem) {
   const std::string unknown = "\"ERROR:Invalid session ID\"";
   expect_exchanges(plugin, {
       // null is the empty text, which is no number.
-      {regs("null"), opcode_reply("REGS", "", -1), "E/LUMOKIT_SESSION_MANAGER: Invalid input, no conversion"},
+      {regs("null"), registration_reply("REGS", "", -1), "E/LUMOKIT_SESSION_MANAGER: Invalid input, no conversion"},
       // What the library cannot read as text is invalid.
-      {regs("[1]"), opcode_reply("REGS", "", -1), "E/LUMOKIT_SESSION_MANAGER: Opcode is not valid: "},
-      {regs("4097"), opcode_reply("REGS", "4097", 0)},
-      {auth_without_opcode, opcode_reply("AUTH", "0", 0)},
+      {regs("[1]"), registration_reply("REGS", "", -1), "E/LUMOKIT_SESSION_MANAGER: Opcode is not valid: "},
+      {regs("4097"), registration_reply("REGS", "4097", 0)},
+      {auth_without_opcode, registration_reply("AUTH", "0", 0)},
       {R"({"req_type":"PERMISSION","Session_Id":null,"Permissions":[]})",
        R"({"req_type":"PERMISSION","status": -1} )", "E/LUMOKIT_SESSION_MANAGER: Invalid session is "},
       {info + "[5]}", R"({"req_type":"INFO_QUERY","QueryInfosRes":)" + unknown + "} ",
@@ -111,33 +94,6 @@ TEST(Exactness, UnknownSessionAnswerLetsTheCallbackCallBackIn) {
   EXPECT_EQ(*answer_text,
             R"({"opcode":"0x10","name":"none","subsys_id":1,"transac_id":5,"status":-7,"return":0,"func": {}})");
   EXPECT_EQ(cancel_result.load(), 2u);
-}
-
-TEST(Exactness, PrivacyStopReleasesEveryStartOfTheOperation) {
-  RawPlugin plugin;
-  bring_up(plugin, 0x100, {3});
-  std::string error;
-  ASSERT_TRUE(connect_sys_service(R"({"apis": [
-      {"id": "getLocation:0:", "start_op": "android:fine_location", "subsystem": "3"},
-      {"id": "stopLocation:0:", "stop_op": "android:fine_location", "subsystem": "3"}]})",
-                                  &error))
-      << error;
-  const uint32_t session = open_session({&plugin});
-  uint32_t transac = 0;
-  for (const char* name : {"getLocation", "getLocation", "stopLocation"}) {
-    const std::string task = task_request(session, ++transac, "0x100", 3, name, {});
-    perform_task(task, recording_callback(), session);
-    ASSERT_EQ(plugin.recv(), task);
-  }
-  EXPECT_EQ(cancel_answered(plugin, session), 0u);
-  // Nothing was left to release when the session ended.
-  std::vector<std::string> calls;
-  for (const lumosys::host::PrivacyCall& c : lumosys::host::privacy_log()) {
-    calls.push_back(c.operation + (c.stop ? " stop" : " start"));
-  }
-  EXPECT_EQ(calls, (std::vector<std::string>{"android:fine_location start", "android:fine_location start",
-                                             "android:fine_location stop"}));
-  EXPECT_EQ(plugin.dint(), "1 ");
 }
 
 long resident_kib() {

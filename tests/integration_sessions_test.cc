@@ -22,11 +22,6 @@ std::string error_answer(const std::string& opcode, uint32_t subsys, uint32_t tr
          ",\"return\":0,\"func\": {}}";
 }
 
-std::string exec_answer(uint32_t session_id, uint32_t transac_id) {
-  return "{\"req_type\":\"exec_task\",\"session_id\":" + std::to_string(session_id) +
-         ",\"transac_id\":" + std::to_string(transac_id) + ",\"value\":\"done\"}";
-}
-
 // A second client callback, to show which one a session keeps.
 std::mutex other_mtx;
 std::vector<Callback> other_calls;
