@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
+#include <cstdio>
 #include <fstream>
 #include <functional>
 #include <future>
@@ -30,17 +30,11 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::parse_json;
+using test::task_request;
 
 const char kFine[] = "android.permission.ACCESS_FINE_LOCATION";
 const char kInitReply[] = R"({"req_type": "INIT", "service_id": 102} )";
 
-std::string task_text(uint32_t session, uint32_t transac, const std::string& opcode, uint32_t subsys,
-                      const std::string& func, const std::string& args = "[]") {
-  return R"({"session_id":)" + std::to_string(session) + R"(,"transac_id":)" +
-         std::to_string(transac) + R"(,"opcode":")" + opcode + R"(","subsys_id":)" +
-         std::to_string(subsys) + R"(,"func":{"name":")" + func + R"(","num_of_args":)" +
-         std::to_string(parse_json(args).size()) + R"(,"args":)" + args + "}}";
-}
 
 // ---- message texts and files ------------------------------------------------
 
@@ -79,29 +73,15 @@ TEST(SdkWire, ReadsQueryInfosResInEveryForm) {
   }
 }
 
-TEST(SdkFiles, DefinitionsNameTheirOpcodeInHexAndTokensAreHexDigits) {
-  const std::pair<const char*, const char*> defs[] = {  // definition, part of the error
-      {R"([{"opcode":"0x1001","subsystems":[{"id":1},{"id":2}]}])", ""},
-      {R"([{"opcode":"0x1002","subsystems":[{"id":1}]}])", "0x1002"},
-      {R"([{"opcode":"4097","subsystems":[]}])", "opcode"},
-      {R"([{"opcode":"0x1001","subsystems":[{"id":-1}]}])", "subsystem"},
-      {R"({"opcode":"0x1001","subsystems":[]})", "array"},
-  };
-  for (const auto& [def, error_part] : defs) {
-    std::string error;
-    EXPECT_EQ(check_api_def(parse_json(def), 0x1001, &error), *error_part == '\0') << def;
-    EXPECT_NE(error.find(error_part), std::string::npos) << def << ": " << error;
-  }
-  EXPECT_THROW(load_api_def("/nonexistent/api.json"), PluginError);
-
-  char dir[] = "/tmp/lumokit-sdk-XXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
-  const std::string spaced = std::string(dir) + "/spaced.token", bad = std::string(dir) + "/bad.token";
+TEST(SdkFiles, TokensAreHexDigitsAcrossWhiteSpace) {
+  const std::string name = testing::TempDir() + "lumokit-sdk-" + std::to_string(getpid());
+  const std::string spaced = name + ".spaced", bad = name + ".bad";
   std::ofstream(spaced) << "  0123\n4567 \n";
   std::ofstream(bad) << "0123 xy\n";
   EXPECT_EQ(load_token(spaced), "01234567");
   EXPECT_THROW(load_token(bad), PluginError);
-  std::filesystem::remove_all(dir);
+  std::remove(spaced.c_str());
+  std::remove(bad.c_str());
 }
 
 // ---- the SDK over a socket -------------------------------------------------
@@ -187,14 +167,23 @@ class SdkLink : public ::testing::Test {
 };
 
 TEST_F(SdkLink, EachCallSendsItsRequestAndReadsEveryFormOfReply) {
+  // Refused before any connection: a missing socket and a stream socket.
+  Plugin unconnected;
+  EXPECT_EQ(outcome([](Plugin& p) { p.connect("/nonexistent/lumo"); return std::string("="); }, unconnected), "!io");
+  int stream[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, stream), 0);
+  EXPECT_EQ(outcome([&](Plugin& p) { p.adopt(stream[0]); return std::string("="); }, unconnected), "!invalid");
+  close(stream[0]);
+  close(stream[1]);
+
   start();
   const std::string def_text = R"([{"opcode":"0x1001","subsystems":[{"id":1}]}])";
   const Json::Value def = parse_json(def_text);
   const Call init = [](Plugin& p) { return show(p.init()); };
   const Call service_id = [](Plugin& p) { return show(p.service_id()); };
   const Call reconnect = [](Plugin& p) { p.connect("/nonexistent/lumo"); return std::string("="); };
-  const auto auth = [def](uint32_t opcode, std::string token) -> Call {
-    return [=](Plugin& p) { p.register_auth(opcode, def, token); return std::string("="); };
+  const auto auth = [def](uint32_t opcode, std::string token, Json::Value api = Json::Value()) -> Call {
+    return [=](Plugin& p) { p.register_auth(opcode, api.isNull() ? def : api, token); return std::string("="); };
   };
   const Call legacy = [def](Plugin& p) { p.register_legacy(0x1001, def); return std::string("="); };
   const Call ready = [](Plugin& p) { p.ready(0x1001); return std::string("="); };
@@ -225,7 +214,11 @@ TEST_F(SdkLink, EachCallSendsItsRequestAndReadsEveryFormOfReply) {
       {service_id, "", "", "=-1"},
       {init, init_req, kInitReply, "=102"},
       {reconnect, "", "", "!state"},
+      // A definition must name the opcode in hex, with subsystem ids, as an array.
       {auth(0x1002, "00"), "", "", "!invalid"},
+      {auth(0x1001, "00", parse_json(R"([{"opcode":"4097","subsystems":[]}])")), "", "", "!invalid"},
+      {auth(0x1001, "00", parse_json(R"([{"opcode":"0x1001","subsystems":[{"id":-1}]}])")), "", "", "!invalid"},
+      {auth(0x1001, "00", parse_json(R"({"opcode":"0x1001","subsystems":[]})")), "", "", "!invalid"},
       {auth(0x1001, ""), "", "", "!invalid"},
       {auth(0x1001, "00ff11"),
        R"({"req_type":"AUTH","Opcode":"4097","Service_Id":102,"Token":"00ff11","api_def":)" + def_text + "}",
@@ -317,7 +310,7 @@ TEST_F(SdkLink, TasksReachTheHandlerAndAnswersCarryTheirIdsWithinTheSizeLimit) {
     return result;
   };
   start(hooks);
-  EXPECT_EQ(parse_json(answer_to(task_text(5, 11, "0x1001", 1, "add", R"([{"type":"int","value":3},{"type":"int","value":4}])"))),
+  EXPECT_EQ(parse_json(answer_to(task_request(5, 11, "0x1001", 1, "add", {"int", "int"}))),
             parse_json(R"({"req_type":"exec_task","session_id":5,"transac_id":11,"seen":"0x1001 4097 1 add 2"})"));
   // The SDK's own error answers: status -1 with the text.
   const auto error_of = [this](const std::string& task) {
@@ -326,19 +319,19 @@ TEST_F(SdkLink, TasksReachTheHandlerAndAnswersCarryTheirIdsWithinTheSizeLimit) {
     EXPECT_EQ(answer["status"], -1) << task;
     return answer["error"].asString();
   };
-  EXPECT_EQ(error_of(task_text(5, 12, "0x1001", 1, "boom")), "boom failed");
+  EXPECT_EQ(error_of(task_request(5, 12, "0x1001", 1, "boom", {})), "boom failed");
   // Malformed: answered with an error when its ids are usable, else dropped.
   EXPECT_NE(error_of(R"({"session_id":5,"transac_id":13,"opcode":"0x1001","subsys_id":1,"func":{"args":[]}})")
                 .find("malformed"), std::string::npos);
   ASSERT_TRUE(send(R"({"session_id":5,"transac_id":"x","func":{}})"));
-  EXPECT_EQ(parse_json(answer_to(task_text(5, 14, "0x1001", 1, "add")))["transac_id"], 14);
+  EXPECT_EQ(parse_json(answer_to(task_request(5, 14, "0x1001", 1, "add", {})))["transac_id"], 14);
   // 200,000 characters: more than the manager reads before a session start.
-  const std::string big = task_text(1, 200, "0x1001", 1, "big");
+  const std::string big = task_request(1, 200, "0x1001", 1, "big", {});
   EXPECT_NE(error_of(big).find("102400"), std::string::npos);
   EXPECT_EQ(parse_json(answer_to(R"({"req_type": "start_session", "session_id": 1, "opcodes": [{"id": "0x1001","subsystems": [{"id" :1}]}]})"))["Result"],
             "Success");
   EXPECT_EQ(parse_json(answer_to(big))["return"].asString().size(), 200000u);
-  EXPECT_NE(error_of(task_text(1, 600, "0x1001", 1, "big")).find("524288"), std::string::npos);
+  EXPECT_NE(error_of(task_request(1, 600, "0x1001", 1, "big", {})).find("524288"), std::string::npos);
 }
 
 // Hooks run one at a time in arrival order; one of them waits on the manager
@@ -358,10 +351,10 @@ TEST_F(SdkLink, HookMayCallTheManagerWhileOtherMessagesArrive) {
     return result;
   };
   start(hooks);
-  EXPECT_EQ(answer_to(task_text(6, 31, "0x2002", 3, "ask")),
+  EXPECT_EQ(answer_to(task_request(6, 31, "0x2002", 3, "ask", {})),
             R"({"req_type":"INFO_QUERY","Session_Id":"6","QueryInfos":["app.name.package","app.id.uid"]})");
   for (const std::string& text :
-       {std::string("PING "), task_text(6, 32, "0x2002", 3, "plain"),
+       {std::string("PING "), task_request(6, 32, "0x2002", 3, "plain", {}),
         std::string(R"({"req_type": "start_session", "session_id": 8, "opcodes": [{"id": "0x2002","subsystems": [{"id" :3}]}]})")}) {
     ASSERT_TRUE(send(text));
   }
@@ -407,22 +400,6 @@ TEST_F(SdkLink, CallsFailPromptlyWhenTheManagerGoesAway) {
   EXPECT_TRUE(plugin_->wait_closed(2s));
   EXPECT_FALSE(plugin_->connected());
   EXPECT_EQ(outcome([](Plugin& p) { return show(p.init()); }, *plugin_), "!disconnected");
-}
-
-TEST(SdkConnect, RefusesAMissingSocketAndAStreamSocket) {
-  Plugin unconnected;
-  try {
-    unconnected.connect("/nonexistent/lumo.missing");
-    ADD_FAILURE() << "connected to a missing socket";
-  } catch (const PluginError& e) {
-    EXPECT_EQ(e.kind(), PluginError::Kind::Io);
-    EXPECT_NE(std::string(e.what()).find("lumo.missing"), std::string::npos);
-  }
-  int stream[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, stream), 0);
-  EXPECT_THROW(unconnected.adopt(stream[0]), PluginError);
-  close(stream[0]);
-  close(stream[1]);
 }
 
 }  // namespace
