@@ -1,6 +1,6 @@
 // The plugin side of the manager over a real seqpacket socket: the exact
-// direct replies, registration and readiness, the sender thread, and the
-// message size limits in both directions.
+// direct replies, registration and readiness (comments in a definition
+// included), the sender thread, and the message size limits both ways.
 #include <gtest/gtest.h>
 #include <lumokit/host_platform.h>
 
@@ -74,6 +74,31 @@ TEST(IntegrationPluginLink, WholeLifeWithExactReplies) {
   RawPlugin stranger;
   EXPECT_EQ(stranger.request(R"({"req_type":"DINT"})"), "0 ");
   EXPECT_TRUE(stranger.wait_closed());
+}
+
+TEST(IntegrationPluginLink, CommentsInADefinitionAreDigestedAndKept) {
+  RawPlugin plugin;
+  const int id = plugin.init();
+  const char* text = R"([{"opcode":"0x2002","name":"noted","subsystems":[{"id":1, /* approved */ "functions":["f"]}]}])";
+  const Json::Value with_comment = parse_json(text);
+  std::string bare_text = text;
+  bare_text.erase(bare_text.find("/* approved */"), 14);
+  const Json::Value bare = parse_json(bare_text);
+
+  // A token over the definition without its comment does not cover it.
+  const std::string stale = make_token(0x2002, bare);
+  LogCapture log;
+  EXPECT_EQ(parse_json(plugin.request(registration_message("AUTH", id, 0x2002, with_comment, &stale)))["result"], -1);
+  EXPECT_TRUE(log.contains("E/LUMOKIT_SESSION_MANAGER: Token is not valid for provided json api definition."));
+
+  ASSERT_EQ(plugin.auth(0x2002, with_comment), 0);
+  ASSERT_EQ(plugin.redy(0x2002), 0);
+  std::thread client = create_session_async(7);
+  plugin.answer_start_session(true);
+  client.join();
+  ASSERT_EQ(callbacks().size(), 1u);
+  EXPECT_NE(callbacks()[0].text.find(R"({"functions":["f"],"id":1 /* approved */})"), std::string::npos)
+      << callbacks()[0].text;
 }
 
 TEST(IntegrationPluginLink, ReadyPropertyAlreadySetIsLeftAlone) {

@@ -1,8 +1,10 @@
 // Client sessions against raw plugins on a real socket: creation across
-// plugins, task answers and errors (alike for both JSON readers), plugin
-// crashes and re-attaching, and cancellation with its 3-second wait.
+// plugins, task answers and errors (alike for both JSON readers, the
+// unknown-session one given with no lock held), plugin crashes and
+// re-attaching, and cancellation with its 3-second wait.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
 #include <future>
 #include <thread>
@@ -163,6 +165,27 @@ TEST(IntegrationSessions, TaskAnswersAndErrors) {
   lamp.send(exec_answer(42, 1));
   std::this_thread::sleep_for(300ms);
   EXPECT_EQ(callbacks().size(), 0u);
+}
+
+// The unknown-session answer, from a client whose callback calls back in.
+std::atomic<uint32_t> cancel_result{0};
+std::atomic<bool> answered{false};
+std::string* answer_text = new std::string();
+
+void calling_back(lumo_response_t, uint32_t session_id, std::string text, int32_t, uint32_t) {
+  *answer_text = std::move(text);
+  cancel_result = cancel_session(session_id, 0, 0);
+  answered = true;
+}
+
+TEST(IntegrationSessions, UnknownSessionAnswerLetsTheCallbackCallBackIn) {
+  const std::string task = task_request(99, 5, "0x10", 1, "f", {});
+  // Detached: on a deadlock the test fails instead of hanging.
+  std::thread([task] { perform_task(task, calling_back, 99); }).detach();
+  ASSERT_TRUE(wait_until([] { return answered.load(); }, 2000ms));
+  EXPECT_EQ(*answer_text,
+            R"({"opcode":"0x10","name":"none","subsys_id":1,"transac_id":5,"status":-7,"return":0,"func": {}})");
+  EXPECT_EQ(cancel_result.load(), 2u);
 }
 
 TEST(IntegrationSessions, CrashNoticesAndReattach) {
