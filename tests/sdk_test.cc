@@ -50,29 +50,6 @@ TEST(SdkWire, RepairsOnlyACommaDirectlyAfterAnOpeningBracket) {
   for (const auto& [in, out] : cases) EXPECT_EQ(wire::repair_empty_list_commas(in), out) << in;
 }
 
-// The common forms are met over the socket below; these only here.
-TEST(SdkWire, ReadsQueryInfosResInEveryForm) {
-  const std::string head = R"({"req_type":"INFO_QUERY",)";
-  const struct {
-    std::string reply;
-    bool ok;
-    std::vector<std::string> answers;
-  } cases[] = {
-      {head + R"("QueryInfosRes":"SUCCESS:a,b","","SUCCESS:"x""} )", true, {"SUCCESS:a,b", "", "SUCCESS:\"x\""}},
-      {head + R"("QueryInfosRes":["SUCCESS:1","SUCCESS:2"]})", true, {"SUCCESS:1", "SUCCESS:2"}},
-      {head + R"("QueryInfosRes":} )", true, {}},
-      {head + R"("QueryInfosRes":"SUCCESS:1)", false, {}},
-      {head + R"("QueryInfosRes":5} )", false, {}},
-  };
-  for (const auto& c : cases) {
-    std::vector<std::string> got;
-    std::string error;
-    EXPECT_EQ(wire::parse_query_infos_res(c.reply, &got, &error), c.ok) << c.reply;
-    EXPECT_EQ(got, c.answers) << c.reply;
-    EXPECT_EQ(error.empty(), c.ok) << c.reply;
-  }
-}
-
 TEST(SdkFiles, TokensAreHexDigitsAcrossWhiteSpace) {
   const std::string name = testing::TempDir() + "lumokit-sdk-" + std::to_string(getpid());
   const std::string spaced = name + ".spaced", bad = name + ".bad";
@@ -231,10 +208,17 @@ TEST_F(SdkLink, EachCallSendsItsRequestAndReadsEveryFormOfReply) {
       {perm({}), perm_req + "[]}", perm_ok + R"(["1"]} )", "=1"},
       {perm({"a"}), perm_req + R"(["a"]})", R"({"req_type":"PERMISSION","status": -1} )", "!refused"},
       {perm({"a", "a"}), perm_req + R"(["a","a"]})", perm_ok + R"(["1"]} )", "!protocol"},
+      // Answers joined by commas with no brackets, taken literally; or an array.
       {info({"k", "l"}), info_req + R"(["k","l"]})", info_ok + R"("SUCCESS:com.example.maps","SUCCESS:10123"} )",
        "=SUCCESS:com.example.maps|SUCCESS:10123|"},
+      {info({"a", "b", "c"}), info_req + R"(["a","b","c"]})", info_ok + R"("SUCCESS:a,b","","SUCCESS:"x""} )",
+       "=SUCCESS:a,b||SUCCESS:\"x\"|"},
+      {info({"k", "l"}), info_req + R"(["k","l"]})", info_ok + R"(["SUCCESS:1","SUCCESS:2"]})", "=SUCCESS:1|SUCCESS:2|"},
+      {info({}), info_req + "[]}", info_ok + "} ", "="},
       {info({"k"}), info_req + R"(["k"]})", R"({"req_type":"INFO_QUERY","status": -1} )", "!refused"},
       {info({"k", "l"}), info_req + R"(["k","l"]})", info_ok + R"("SUCCESS:1"} )", "!protocol"},
+      {info({"k"}), info_req + R"(["k"]})", info_ok + R"("SUCCESS:1)", "!protocol"},
+      {info({"k"}), info_req + R"(["k"]})", info_ok + "5} ", "!protocol"},
       {deinit, R"({"req_type":"DINT","Service_Id":102})", "0 ", "=false"},
       {init, init_req, R"({"req_type": "INIT", "service_id": 103} )", "=103"},
       {deinit, R"({"req_type":"DINT","Service_Id":103})", "1 ", "=true"},
