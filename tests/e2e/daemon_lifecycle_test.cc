@@ -2,27 +2,20 @@
 // runtime directory, stale sockets, clean shutdown, command-line errors, and
 // the plugin's ways of leaving.
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <fstream>
 
 #include <gtest/gtest.h>
 
 #include "e2e_rig.h"
+#include "ipc/seqpacket.h"
 
 namespace lumokit::e2e {
 namespace {
 
 using std::chrono::seconds;
-
-bool exists(const std::string& path) {
-  struct stat st;
-  return lstat(path.c_str(), &st) == 0;
-}
 
 unsigned mode_of(const std::string& path) {
   struct stat st;
@@ -30,21 +23,14 @@ unsigned mode_of(const std::string& path) {
   return st.st_mode & 07777;
 }
 
-// A socket file with nobody listening, as a crashed daemon leaves behind.
-void make_stale_socket(const std::string& path) {
-  int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-  ASSERT_GE(fd, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
-  close(fd);
-}
-
 TEST(DaemonLifecycle, OneDaemonPerDirectoryAndCleanStop) {
   Rig rig;
   ASSERT_EQ(mkdir(rig.runtime_dir().c_str(), 0700), 0);
-  make_stale_socket(rig.socket("client"));
+  // A socket file with nobody listening, as a crashed daemon leaves behind.
+  std::string error;
+  const int stale = ipc::bind_seqpacket(rig.socket("client"), 0600, false, &error);
+  ASSERT_GE(stale, 0) << error;
+  close(stale);
   rig.start_daemon();
 
   EXPECT_EQ(mode_of(rig.runtime_dir()), 0700u);

@@ -46,6 +46,7 @@ int run_to_end(const std::string& program, const std::vector<std::string>& args,
                std::chrono::milliseconds timeout = std::chrono::seconds(30));
 
 std::string read_file(const std::string& path);
+bool exists(const std::string& path);  // also a dangling link or a socket
 
 // Polls `done` every 20 ms until it holds; false when `timeout` passed first.
 template <typename Done>

@@ -3,6 +3,8 @@
 // read back, and a monitor too slow for the traffic.
 #include <signal.h>
 
+#include <sstream>
+
 #include <gtest/gtest.h>
 
 #include "e2e_rig.h"
@@ -16,13 +18,9 @@ namespace {
 using std::chrono::seconds;
 
 std::vector<std::string> lines_of(const std::string& text) {
+  std::istringstream in(text);
   std::vector<std::string> lines;
-  for (size_t start = 0; start < text.size();) {
-    size_t end = text.find('\n', start);
-    if (end == std::string::npos) end = text.size();
-    lines.push_back(text.substr(start, end - start));
-    start = end + 1;
-  }
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
   return lines;
 }
 

@@ -17,11 +17,6 @@ namespace {
 
 using std::chrono::seconds;
 
-bool exists(const std::string& path) {
-  struct stat st;
-  return lstat(path.c_str(), &st) == 0;
-}
-
 // What systemd makes for ListenSequentialPacket=PATH.
 int listening_socket(const std::string& path) {
   std::string error;
