@@ -5,7 +5,6 @@
 // example plugin built on it runs against lumokitd in the end-to-end tests.
 #include <gtest/gtest.h>
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -16,7 +15,6 @@
 #include <future>
 #include <iterator>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -95,7 +93,7 @@ class SdkLink : public ::testing::Test {
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds), 0);
     const int room = 1 << 20;  // for the largest message either side sends
     for (int fd : fds) setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
-    manager_fd_ = fds[1];
+    manager_ = std::make_unique<test::RawPlugin>(fds[1]);
     PluginOptions options;
     options.reply_timeout = timeout;
     plugin_ = std::make_unique<Plugin>(std::move(hooks), options);
@@ -103,29 +101,13 @@ class SdkLink : public ::testing::Test {
   }
   void TearDown() override {
     plugin_.reset();
-    close_manager();
+    manager_.reset();
   }
 
-  std::optional<std::string> receive(std::chrono::milliseconds timeout = 5s) {
-    pollfd p{manager_fd_, POLLIN, 0};
-    if (manager_fd_ < 0 || poll(&p, 1, static_cast<int>(timeout.count())) <= 0) return std::nullopt;
-    std::string buffer(1 << 20, '\0');
-    const ssize_t n = recv(manager_fd_, &buffer[0], buffer.size(), 0);
-    if (n <= 0) return std::nullopt;
-    buffer.resize(static_cast<size_t>(n));
-    return buffer;
-  }
-  bool send(const std::string& text) {
-    return ::send(manager_fd_, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
-  }
   // The plugin's next message after the manager sends `text`.
   std::string answer_to(const std::string& text) {
-    EXPECT_TRUE(send(text));
-    return receive().value_or("<none>");
-  }
-  void close_manager() {
-    if (manager_fd_ >= 0) close(manager_fd_);
-    manager_fd_ = -1;
+    manager_->send(text);
+    return manager_->recv();
   }
 
   // Runs `call` while the manager takes `request` (none when empty) and
@@ -133,13 +115,13 @@ class SdkLink : public ::testing::Test {
   std::string exchange(const Call& call, const std::string& request, const std::string& reply) {
     auto result = std::async(std::launch::async, [&] { return outcome(call, *plugin_); });
     if (!request.empty()) {
-      EXPECT_EQ(receive().value_or("<none>"), request);
-      EXPECT_TRUE(send(reply));
+      EXPECT_EQ(manager_->recv(), request);
+      manager_->send(reply);
     }
     return result.get();
   }
 
-  int manager_fd_ = -1;
+  std::unique_ptr<test::RawPlugin> manager_;  // the manager's end, played by the test
   std::unique_ptr<Plugin> plugin_;
 };
 
@@ -272,7 +254,7 @@ TEST_F(SdkLink, NoticesReachTheirHooks) {
       {R"({"req_type":"end_session","session_id": 42})", R"({"req_type":"end_session","Result":"Success"})"},
   };
   const std::string change = R"({"req_type":"permission_change", "opcode":"8194", "ss_id":"3", "session_id":"7", "permission":"p.A", "status":")";
-  for (const char* status : {"0", "maybe", "1"}) ASSERT_TRUE(send(change + status + R"("})"));
+  for (const char* status : {"0", "maybe", "1"}) manager_->send(change + status + R"("})");
   for (const auto& [in, out] : cases) EXPECT_EQ(answer_to(in), out) << in;
   std::lock_guard<std::mutex> lock(mtx);  // the end hook ran before the acknowledgement
   EXPECT_EQ(seen, (std::vector<std::string>{"8194 3 7 p.A 0", "8194 3 7 p.A 1", "end 42"}));
@@ -307,7 +289,7 @@ TEST_F(SdkLink, TasksReachTheHandlerAndAnswersCarryTheirIdsWithinTheSizeLimit) {
   // Malformed: answered with an error when its ids are usable, else dropped.
   EXPECT_NE(error_of(R"({"session_id":5,"transac_id":13,"opcode":"0x1001","subsys_id":1,"func":{"args":[]}})")
                 .find("malformed"), std::string::npos);
-  ASSERT_TRUE(send(R"({"session_id":5,"transac_id":"x","func":{}})"));
+  manager_->send(R"({"session_id":5,"transac_id":"x","func":{}})");
   EXPECT_EQ(parse_json(answer_to(task_request(5, 14, "0x1001", 1, "add", {})))["transac_id"], 14);
   // 200,000 characters: more than the manager reads before a session start.
   const std::string big = task_request(1, 200, "0x1001", 1, "big", {});
@@ -340,17 +322,17 @@ TEST_F(SdkLink, HookMayCallTheManagerWhileOtherMessagesArrive) {
   for (const std::string& text :
        {std::string("PING "), task_request(6, 32, "0x2002", 3, "plain", {}),
         std::string(R"({"req_type": "start_session", "session_id": 8, "opcodes": [{"id": "0x2002","subsystems": [{"id" :3}]}]})")}) {
-    ASSERT_TRUE(send(text));
+    manager_->send(text);
   }
-  EXPECT_FALSE(receive(200ms).has_value()) << "answered before the hook ended";
+  EXPECT_EQ(manager_->recv(200ms), "") << "answered before the hook ended";
   EXPECT_EQ(parse_json(answer_to(R"({"req_type":"INFO_QUERY","QueryInfosRes":"SUCCESS:com.example.maps","ERROR:Query failed"} )")),
             parse_json(R"({"req_type":"PERMISSION","Session_Id":"6","Permissions":[")" + std::string(kFine) + R"("]})"));
   EXPECT_EQ(parse_json(answer_to(R"({"req_type":"PERMISSION","status": 0,"PermRes":["1"]} )")),
             parse_json(R"({"req_type":"exec_task","session_id":6,"transac_id":31,"known":true,)"
                        R"("package":"com.example.maps","uid":"ERROR:Query failed","granted":true})"));
-  EXPECT_EQ(parse_json(receive().value_or("null"))["transac_id"], 32);
-  EXPECT_EQ(parse_json(receive().value_or("null"))["req_type"], "start_session");
-  EXPECT_FALSE(receive(200ms).has_value()) << "the probe is not answered";
+  EXPECT_EQ(parse_json(manager_->recv())["transac_id"], 32);
+  EXPECT_EQ(parse_json(manager_->recv())["req_type"], "start_session");
+  EXPECT_EQ(manager_->recv(200ms), "") << "the probe is not answered";
 }
 
 // The call's own time limit, not the default of 5 s, and its late reply is
@@ -364,8 +346,8 @@ TEST_F(SdkLink, TimedOutCallFailsAndItsLateReplyIsNotTakenForTheNext) {
   const auto waited = std::chrono::steady_clock::now() - begin;
   EXPECT_GE(waited, 290ms);
   EXPECT_LT(waited, 2s);
-  EXPECT_EQ(receive().value_or(""), request);
-  ASSERT_TRUE(send(R"({"req_type":"PERMISSION","status": 0,"PermRes":["0"]} )"));  // late
+  EXPECT_EQ(manager_->recv(), request);
+  manager_->send(R"({"req_type":"PERMISSION","status": 0,"PermRes":["0"]} )");  // late
   EXPECT_EQ(exchange(ask, request, R"({"req_type":"PERMISSION","status": 0,"PermRes":["1"]} )"), "=1");
 }
 
@@ -376,9 +358,9 @@ TEST_F(SdkLink, CallsFailPromptlyWhenTheManagerGoesAway) {
   auto pending = std::async(std::launch::async, [&] {
     return outcome([](Plugin& p) { return show(p.info_query(7, {"app.id.pid"})); }, *plugin_);
   });
-  ASSERT_EQ(parse_json(receive().value_or("null"))["req_type"], "INFO_QUERY");
+  ASSERT_EQ(parse_json(manager_->recv())["req_type"], "INFO_QUERY");
   const auto begin = std::chrono::steady_clock::now();
-  close_manager();
+  manager_->close_socket();
   EXPECT_EQ(pending.get(), "!disconnected");
   EXPECT_LT(std::chrono::steady_clock::now() - begin, 2500ms);
   EXPECT_TRUE(plugin_->wait_closed(2s));

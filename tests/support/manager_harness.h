@@ -54,6 +54,7 @@ class LogCapture {
 class RawPlugin {
  public:
   explicit RawPlugin(const std::string& path = start_manager());
+  explicit RawPlugin(int connected_fd) : fd_(connected_fd) {}  // either end of a socket pair
   ~RawPlugin();
   RawPlugin(const RawPlugin&) = delete;
   RawPlugin& operator=(const RawPlugin&) = delete;
