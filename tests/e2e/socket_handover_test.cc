@@ -10,7 +10,6 @@
 
 #include "e2e_rig.h"
 #include "ipc/seqpacket.h"
-#include "lumokit/plugin.h"
 
 namespace lumokit::e2e {
 namespace {
@@ -40,17 +39,11 @@ void start_handed(ChildProcess& daemon, const std::string& run, const std::vecto
                run + ".log", "", "", fds);
 }
 
-// A plugin that waits out the daemon's start-up, not the SDK's 5 s: its
-// socket listens before the daemon runs.
-int32_t plugin_init(lumokit::Plugin& plugin, const std::string& socket) {
-  plugin.connect(socket);
-  return plugin.init();
-}
-
-PluginOptions patient() {
-  PluginOptions options;
-  options.reply_timeout = seconds(15);
-  return options;
+// A plugin's INIT; the service id it is given. The reply may
+// wait for the daemon's start: the socket listens before the daemon runs.
+int32_t plugin_init(JsonClient& plugin) {
+  plugin.send_text(R"({"req_type":"INIT"})");
+  return plugin.next(seconds(15))["service_id"].asInt();
 }
 
 TEST(SocketHandover, ServesEverythingOnHandedSocketsAndLeavesThemInPlace) {
@@ -66,8 +59,8 @@ TEST(SocketHandover, ServesEverythingOnHandedSocketsAndLeavesThemInPlace) {
   const auto log = [&] { return read_file(run + ".log"); };
 
   // Already listening: plugins and clients connect before the daemon is up.
-  lumokit::Plugin plugin({}, patient());
-  EXPECT_GE(plugin_init(plugin, handed + "/lumo"), 102);
+  JsonClient plugin(handed + "/lumo");
+  EXPECT_GE(plugin_init(plugin), 102);
   JsonClient session_client(handed + "/client");
   Json::Value opened = session_client.call(parse(R"({"op":"create_session","handle":7})"));
   EXPECT_EQ(opened["op"], "callback") << opened;
@@ -78,7 +71,7 @@ TEST(SocketHandover, ServesEverythingOnHandedSocketsAndLeavesThemInPlace) {
   EXPECT_TRUE(exists(run + "/lumokitd.lock"));
   EXPECT_NE(log().find("handed over by the supervisor: lumo client admin"), std::string::npos) << log();
 
-  plugin.stop();
+  plugin.close_now();
   session_client.close_now();
   daemon.signal(SIGTERM);
   EXPECT_EQ(daemon.wait_exit(seconds(15)), 0) << log();
@@ -122,9 +115,8 @@ TEST(SocketHandover, MakesWhatIsNotHandedOverAndRefusesForeignDescriptors) {
     EXPECT_EQ(await_status(run + "/admin", daemon)["op"], "status") << read_file(run + ".log");
     EXPECT_TRUE(exists(run + "/client"));
     EXPECT_EQ(exists(run + "/lumo"), !c.for_this_process);
-    lumokit::Plugin plugin({}, patient());
-    EXPECT_GE(plugin_init(plugin, c.for_this_process ? dir.path() + "/handed-lumo" : run + "/lumo"), 102);
-    plugin.stop();
+    JsonClient plugin(c.for_this_process ? dir.path() + "/handed-lumo" : run + "/lumo");
+    EXPECT_GE(plugin_init(plugin), 102);
     daemon.signal(SIGTERM);
     EXPECT_EQ(daemon.wait_exit(seconds(15)), 0) << read_file(run + ".log");
   }
