@@ -103,11 +103,7 @@ class Chaos {
     return ready;
   }
 
-  Json::Value call(const char* op) {
-    Json::Value request(Json::objectValue);
-    request["op"] = op;
-    return admin_->call(request, seconds(10));
-  }
+  Json::Value call(const char* op) { return admin_->call(e2e::op(op), seconds(10)); }
 
   std::vector<Life> lives[kSlots];  // of every slot, in order
   uint64_t kills = 0, sys_restarts = 0;
