@@ -38,17 +38,15 @@ bool serve(RawPlugin& plugin, const std::string& msg, std::mt19937& rng) {
   } else if (starts_with(msg, "{\"req_type\":\"end_session\"")) {
     plugin.send(R"({"req_type":"end_session","Result":"Success"})");
   } else if (msg.find("\"transac_id\"") != std::string::npos && msg[0] == '{') {
-    Json::Value task = parse_json(msg);
-    plugin.send("{\"req_type\":\"exec_task\",\"session_id\":" + task["session_id"].asString() +
-                ",\"transac_id\":" + task["transac_id"].asString() + ",\"by\":" +
-                std::to_string(plugin.service_id()) + "}");
+    const Json::Value task = parse_json(msg);
+    plugin.send(exec_answer(task["session_id"].asUInt(), task["transac_id"].asUInt()));
   }
   return true;
 }
 
 // One slot: a plugin for one opcode that lives a short while, then crashes
 // or says goodbye, and is replaced by a new connection.
-void plugin_life(int slot) {
+void plugin_slot(int slot) try {
   std::mt19937 rng(1000u + static_cast<unsigned>(slot));
   const uint32_t opcode = 0x100u + static_cast<uint32_t>(slot);
   while (!plugins_stop) {
@@ -69,14 +67,8 @@ void plugin_life(int slot) {
       plugin.wait_closed(3s);
     }  // otherwise the socket just closes: a crash
   }
-}
-
-void plugin_slot(int slot) {
-  try {
-    plugin_life(slot);
-  } catch (const std::exception& e) {
-    ADD_FAILURE() << "plugin slot " << slot << ": " << e.what();
-  }
+} catch (const std::exception& e) {
+  ADD_FAILURE() << "plugin slot " << slot << ": " << e.what();
 }
 
 // The task answers and crash notices seen so far.

@@ -1,6 +1,6 @@
 // The plugin side of the manager over a real seqpacket socket: the exact
-// direct replies, registration and readiness, the sender thread, and the
-// message size limits in both directions.
+// direct replies, registration and readiness (comments in a definition
+// included), the sender thread, and the message size limits both ways.
 #include <gtest/gtest.h>
 #include <lumokit/host_platform.h>
 
@@ -57,37 +57,16 @@ TEST(IntegrationPluginLink, WholeLifeWithExactReplies) {
             "{\"req_type\": \"REDY\",\"opcode\": \"4097\", \"result\": 0} ");
   EXPECT_EQ(plugin_state(102)["state"].asInt(), 3);
 
-  std::thread client = create_session_async(77);
-  const std::string notice = plugin.recv();
-  EXPECT_EQ(notice,
-            R"({"req_type": "start_session", "session_id": 1, "opcodes": [{"id": "0x1001","subsystems": [{"id" :1},{"id" :2}]}]})");
-  plugin.send(start_session_answer(notice, true));
-  client.join();
-  std::vector<Callback> expected = {{LUMO_RESPONSE_CREATE_SESSION, 1,
-      R"({"capability": {"version":1,"opcodes": [{"opcode": "0x1001", "name": "lamp", "subsystems": [{"functions":["f1"],"id":1},{"functions":["f2"],"id":2}]}]}})",
-      0, 77}};
-  EXPECT_EQ(callbacks(), expected);
-
-  // The task reaches the plugin byte for byte; its answer reaches the client unchanged.
-  const std::string task = task_request(1, 7, "0x1001", 2, "switchOn", {"int", "string"});
-  perform_task(task, recording_callback(), 1);
-  EXPECT_EQ(plugin.recv(), task);
-  const std::string answer =
-      R"({ "req_type" : "exec_task", "session_id": 1,  "transac_id": 7, "return": [1, "on"] })";
-  plugin.send(answer);
-  ASSERT_TRUE(wait_for_callbacks(2, 3s));
-  expected.push_back({LUMO_RESPONSE_TASK, 1, answer, 0, 7});
-  EXPECT_EQ(callbacks(), expected);
+  ASSERT_EQ(open_session({&plugin}), 1u);
 
   // Goodbye: "1", the connection closes, the session hears of every pair the
   // plugin had registered, ready or not.
   EXPECT_EQ(plugin.request(R"({"req_type":"DINT","Service_Id":102})"), "1 ");
   EXPECT_TRUE(plugin.wait_closed());
-  ASSERT_TRUE(wait_for_callbacks(3, 3s));
-  expected.push_back({LUMO_RESPONSE_TASK, 1,
+  ASSERT_TRUE(wait_for_callbacks(1, 3s));
+  EXPECT_EQ(callbacks(), (std::vector<Callback>{{LUMO_RESPONSE_TASK, 1,
       R"({"opcodes":[{"opcode" : 4097, "subsystems": [{"id" : 1},{"id" : 2}]},{"opcode" : 4098, "subsystems": [{"id" : 3}]}]})",
-      1, 0});
-  EXPECT_EQ(callbacks(), expected);
+      1, 0}}));
   EXPECT_EQ(state_dump()["plugins"].size(), 0u);
   EXPECT_EQ(state_dump()["registry"].size(), 0u);
 
@@ -95,6 +74,31 @@ TEST(IntegrationPluginLink, WholeLifeWithExactReplies) {
   RawPlugin stranger;
   EXPECT_EQ(stranger.request(R"({"req_type":"DINT"})"), "0 ");
   EXPECT_TRUE(stranger.wait_closed());
+}
+
+TEST(IntegrationPluginLink, CommentsInADefinitionAreDigestedAndKept) {
+  RawPlugin plugin;
+  const int id = plugin.init();
+  const char* text = R"([{"opcode":"0x2002","name":"noted","subsystems":[{"id":1, /* approved */ "functions":["f"]}]}])";
+  const Json::Value with_comment = parse_json(text);
+  std::string bare_text = text;
+  bare_text.erase(bare_text.find("/* approved */"), 14);
+  const Json::Value bare = parse_json(bare_text);
+
+  // A token over the definition without its comment does not cover it.
+  const std::string stale = make_token(0x2002, bare);
+  LogCapture log;
+  EXPECT_EQ(parse_json(plugin.request(registration_message("AUTH", id, 0x2002, with_comment, &stale)))["result"], -1);
+  EXPECT_TRUE(log.contains("E/LUMOKIT_SESSION_MANAGER: Token is not valid for provided json api definition."));
+
+  ASSERT_EQ(plugin.auth(0x2002, with_comment), 0);
+  ASSERT_EQ(plugin.redy(0x2002), 0);
+  std::thread client = create_session_async(7);
+  plugin.answer_start_session(true);
+  client.join();
+  ASSERT_EQ(callbacks().size(), 1u);
+  EXPECT_NE(callbacks()[0].text.find(R"({"functions":["f"],"id":1 /* approved */})"), std::string::npos)
+      << callbacks()[0].text;
 }
 
 TEST(IntegrationPluginLink, ReadyPropertyAlreadySetIsLeftAlone) {
@@ -113,24 +117,20 @@ TEST(IntegrationPluginLink, IgnoredAndRefusedMessages) {
   ASSERT_EQ(plugin.init(), 102);
   const Json::Value def = api_def(0x2001, {1});
   const std::string empty_token;
-  const std::string refused = "{\"req_type\": \"AUTH\",\"opcode\": \"8193\", \"result\": -1} ";
+  const std::string refused = registration_reply("AUTH", "8193", -1);
   const std::string e = "E/LUMOKIT_SESSION_MANAGER: ";
+  const std::string huge = "123456789012345678901234";
   expect_exchanges(plugin, {
       {R"({"Opcode":"1","Service_Id":102})"},
       {R"({"req_type":"HELLO"})"},
-      {"INIT, please", "", kUnreadable},
-      {R"({"req_type":"AUTH","Opcode":"abc","Service_Id":102})",
-       "{\"req_type\": \"AUTH\",\"opcode\": \"abc\", \"result\": -1} ", e + "Opcode is not valid: abc"},
-      {R"({"req_type":"REGS","Opcode":"","Service_Id":102})",
-       "{\"req_type\": \"REGS\",\"opcode\": \"\", \"result\": -1} "},
-      {registration_message("REGS", 102, 0x2001, api_def(0x2002, {1}), nullptr),
-       "{\"req_type\": \"REGS\",\"opcode\": \"8193\", \"result\": -1} ",
+      {R"({"req_type":"AUTH","Opcode":"abc","Service_Id":102})", registration_reply("AUTH", "abc", -1),
+       e + "Opcode is not valid: abc"},
+      {R"({"req_type":"REGS","Opcode":"","Service_Id":102})", registration_reply("REGS", "", -1)},
+      {registration_message("REGS", 102, 0x2001, api_def(0x2002, {1}), nullptr), registration_reply("REGS", "8193", -1),
        "W/LUMOKIT_SESSION_MANAGER: Registration Failed!!!"},
       {registration_message("AUTH", 102, 0x2001, def, &empty_token), refused, e + "Invalid token."},
-      {registration_message("AUTH", 102, 0x2001, def, nullptr), refused,
-       e + "Failed to authenticate the LUMOKIT ONE token."},
-      {R"({"req_type":"REDY","Service_Id":102,"Opcode":"123456789012345678901234"})",
-       "{\"req_type\": \"REDY\",\"opcode\": \"123456789012345678901234\", \"result\": -1} ",
+      {registration_message("AUTH", 102, 0x2001, def, nullptr), refused, e + "Failed to authenticate the LUMOKIT ONE token."},
+      {R"({"req_type":"REDY","Service_Id":102,"Opcode":")" + huge + "\"}", registration_reply("REDY", huge, -1),
        e + "Invalid input, out of range input"},
   });
   EXPECT_EQ(log.count("Failed to authenticate the LUMOKIT ONE token."), 2u);

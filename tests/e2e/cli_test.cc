@@ -1,6 +1,8 @@
 // The lumokit command-line client against a running daemon and plugin.
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include "e2e_rig.h"
 
 namespace lumokit::e2e {
@@ -67,28 +69,14 @@ TEST_F(Cli, AdminCommandsAndErrors) {
 
 TEST_F(Cli, ShellKeepsOneSessionAcrossCommands) {
   const std::string script = rig->dir() + "/shell-script";
-  FILE* f = fopen(script.c_str(), "w");
-  ASSERT_NE(f, nullptr);
-  fputs("echo -- start\n"
-        "call 0x1001 1 multiply int:6 int:7\n"
-        "call 0x2002 3 getLocation\n"
-        "pid\n"
-        "cancel 4097 1\n"
-        "pid\n"
-        "bogus\n"
-        "cancel 8194 3\n"
-        "pid\n"
-        "quit\n",
-        f);
-  fclose(f);
+  std::ofstream(script) << "echo -- start\ncall 0x1001 1 multiply int:6 int:7\ncall 0x2002 3 getLocation\n"
+                           "pid\ncancel 4097 1\npid\nbogus\ncancel 8194 3\npid\nquit\n";
   const std::string log = rig->dir() + "/shell.log";
   ChildProcess shell;
   shell.start(bin_path("lumokit"),
               {"--runtime-dir", rig->runtime_dir(), "shell", "--pid", "555", "--uid", "10123"}, log,
               script);
-  int status = 0;
-  ASSERT_TRUE(shell.wait_exit(std::chrono::seconds(30), &status));
-  EXPECT_EQ(status, 0);
+  ASSERT_EQ(shell.wait_exit(std::chrono::seconds(30)), 0);
   const std::string out = read_file(log);
   EXPECT_NE(out.find("-- start"), std::string::npos) << out;
   EXPECT_NE(out.find("return 42"), std::string::npos) << out;

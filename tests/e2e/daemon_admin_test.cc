@@ -13,17 +13,8 @@ using std::chrono::seconds;
 
 const char* const kFine = "android.permission.ACCESS_FINE_LOCATION";
 
-Json::Value op(const char* name) {
-  Json::Value v(Json::objectValue);
-  v["op"] = name;
-  return v;
-}
-
 Json::Value get_location(uint32_t sid, uint32_t transac) {
-  Json::Value v = op("perform_task");
-  v["session_id"] = sid;
-  v["request"] = task_text(sid, transac, "0x2002", 3, "getLocation", Json::Value(Json::arrayValue));
-  return v;
+  return perform(sid, task_text(sid, transac, "0x2002", 3, "getLocation"));
 }
 
 Json::Value permission(bool granted) {
@@ -66,8 +57,12 @@ TEST(DaemonAdmin, PropertiesAndBadRequests) {
     Json::Value reply = admin->call(request);
     EXPECT_EQ(reply["op"], "error") << ipc::write_json(request);
   }
-  admin->send_text("{{{");
-  EXPECT_EQ(admin->next()["op"], "error");
+  // Not JSON, and nested far past any reader's limit.
+  for (const std::string& text : {std::string("{{{"), "{\"op\":\"status\",\"x\":" + std::string(100000, '[') +
+                                                          std::string(100000, ']') + "}"}) {
+    admin->send_text(text);
+    EXPECT_EQ(admin->next()["op"], "error");
+  }
   EXPECT_EQ(admin->call(op("status"))["op"], "status");
 }
 

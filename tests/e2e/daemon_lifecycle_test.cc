@@ -2,29 +2,20 @@
 // runtime directory, stale sockets, clean shutdown, command-line errors, and
 // the plugin's ways of leaving.
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstring>
-#include <string>
-#include <vector>
+#include <fstream>
 
 #include <gtest/gtest.h>
 
 #include "e2e_rig.h"
+#include "ipc/seqpacket.h"
 
 namespace lumokit::e2e {
 namespace {
 
 using std::chrono::seconds;
-
-bool exists(const std::string& path) {
-  struct stat st;
-  return lstat(path.c_str(), &st) == 0;
-}
 
 unsigned mode_of(const std::string& path) {
   struct stat st;
@@ -32,21 +23,14 @@ unsigned mode_of(const std::string& path) {
   return st.st_mode & 07777;
 }
 
-// A socket file with nobody listening, as a crashed daemon leaves behind.
-void make_stale_socket(const std::string& path) {
-  int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-  ASSERT_GE(fd, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
-  close(fd);
-}
-
 TEST(DaemonLifecycle, OneDaemonPerDirectoryAndCleanStop) {
   Rig rig;
   ASSERT_EQ(mkdir(rig.runtime_dir().c_str(), 0700), 0);
-  make_stale_socket(rig.socket("client"));
+  // A socket file with nobody listening, as a crashed daemon leaves behind.
+  std::string error;
+  const int stale = ipc::bind_seqpacket(rig.socket("client"), 0600, false, &error);
+  ASSERT_GE(stale, 0) << error;
+  close(stale);
   rig.start_daemon();
 
   EXPECT_EQ(mode_of(rig.runtime_dir()), 0700u);
@@ -66,10 +50,7 @@ TEST(DaemonLifecycle, OneDaemonPerDirectoryAndCleanStop) {
   auto client = rig.client();
   open_session(*client, 1, 10123);
   rig.daemon().signal(SIGTERM);
-  int status = 0;
-  ASSERT_TRUE(rig.daemon().wait_exit(seconds(15), &status));
-  ASSERT_TRUE(WIFEXITED(status)) << rig.daemon_log();
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  ASSERT_EQ(rig.daemon().wait_exit(seconds(15)), 0) << rig.daemon_log();
   for (const char* name : {"lumo", "client", "admin", "lumokitd.lock"}) {
     EXPECT_FALSE(exists(rig.runtime_dir() + "/" + name)) << name;
   }
@@ -84,9 +65,7 @@ TEST(DaemonLifecycle, ExamplePluginLeavesInOrderOrStopsWhenRefused) {
   rig.start_daemon();
   rig.start_plugin();
   rig.plugin().signal(SIGINT);
-  int status = 0;
-  ASSERT_TRUE(rig.plugin().wait_exit(seconds(15), &status));
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << rig.plugin_log();
+  ASSERT_EQ(rig.plugin().wait_exit(seconds(15)), 0) << rig.plugin_log();
   EXPECT_TRUE(rig.wait_status([](const Json::Value& s) { return s["state"]["plugins"].empty(); }));
   EXPECT_EQ(rig.daemon_log().find("Service Plugin crash"), std::string::npos) << rig.daemon_log();
 
@@ -112,38 +91,37 @@ TEST(DaemonLifecycle, ExamplePluginLeavesInOrderOrStopsWhenRefused) {
 
 TEST(DaemonLifecycle, CommandLineAndPolicyErrors) {
   TempDir dir;
-  const std::string run = dir.path() + "/run";
+  const std::string run = dir.path() + "/run", open_run = dir.path() + "/open";
   const std::string bad_policy = dir.path() + "/policy.json";
-  FILE* f = fopen(bad_policy.c_str(), "w");
-  ASSERT_NE(f, nullptr);
-  fputs("{\"declard\": true}", f);
-  fclose(f);
+  std::ofstream(bad_policy) << "{\"declard\": true}";
+  // Whoever may write the runtime folder could put an admin socket of their
+  // own there and watch what the daemon's user does.
+  ASSERT_EQ(mkdir(open_run.c_str(), 0700), 0);
+  ASSERT_EQ(chmod(open_run.c_str(), 0777), 0);
 
   struct Case {
     std::vector<std::string> args;
+    int status;
     const char* expected;
   };
   const Case cases[] = {
-      {{"--runtime-dir", run, "--bogus"}, "unknown argument"},
-      {{"--runtime-dir"}, "needs"},
-      {{"--runtime-dir", run, "--boot-completed", "yes"}, "0 or 1"},
-      {{"--runtime-dir", run, "--sys-policy", dir.path() + "/missing.json"}, "missing.json"},
-      {{"--runtime-dir", run, "--sys-policy", bad_policy}, "declard"},
-      {{"--runtime-dir", run, "--log-file", dir.path() + "/no/such/dir/log"}, "log file"},
+      {{"--runtime-dir", run, "--bogus"}, 2, "unknown argument"},
+      {{"--runtime-dir"}, 2, "needs"},
+      {{"--runtime-dir", run, "--boot-completed", "yes"}, 2, "0 or 1"},
+      {{"--runtime-dir", run, "--sys-policy", dir.path() + "/missing.json"}, 2, "missing.json"},
+      {{"--runtime-dir", run, "--sys-policy", bad_policy}, 2, "declard"},
+      {{"--runtime-dir", run, "--log-file", dir.path() + "/no/such/dir/log"}, 2, "log file"},
+      {{"--runtime-dir", dir.path() + "/" + std::string(120, 'd')}, 1, "longer than"},
+      {{"--runtime-dir", open_run}, 1, "may be written by other users (mode 0777)"},
   };
   for (const Case& c : cases) {
     std::string output;
-    int rc = run_to_end(bin_path("lumokitd"), c.args, &output);
-    EXPECT_EQ(rc, 2) << output;
+    EXPECT_EQ(run_to_end(bin_path("lumokitd"), c.args, &output), c.status) << output;
     EXPECT_NE(output.find(c.expected), std::string::npos) << output;
   }
   // None of them created sockets.
   EXPECT_FALSE(exists(run + "/client"));
-
-  std::string too_long(120, 'd');
-  std::string output;
-  EXPECT_NE(run_to_end(bin_path("lumokitd"), {"--runtime-dir", dir.path() + "/" + too_long}, &output), 0);
-  EXPECT_NE(output.find("longer than"), std::string::npos) << output;
+  EXPECT_FALSE(exists(open_run + "/admin"));
 }
 
 }  // namespace

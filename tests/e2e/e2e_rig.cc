@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <stdexcept>
 #include <thread>
 
@@ -71,11 +72,27 @@ Json::Value JsonClient::call(const Json::Value& message, std::chrono::millisecon
   return next(timeout);
 }
 
-Json::Value int_arg(int64_t value) {
-  Json::Value arg(Json::objectValue);
-  arg["type"] = "int";
-  arg["value"] = Json::Int64(value);
-  return arg;
+Json::Value op(const char* name) {
+  Json::Value v(Json::objectValue);
+  v["op"] = name;
+  return v;
+}
+
+Json::Value perform(uint32_t session_id, const std::string& text) {
+  Json::Value v = op("perform_task");
+  v["session_id"] = session_id;
+  v["request"] = text;
+  return v;
+}
+
+Json::Value int_args(std::initializer_list<int64_t> values) {
+  Json::Value args(Json::arrayValue);
+  for (int64_t value : values) {
+    Json::Value& arg = args.append(Json::objectValue);
+    arg["type"] = "int";
+    arg["value"] = Json::Int64(value);
+  }
+  return args;
 }
 
 std::string task_text(uint32_t session_id, uint32_t transac_id, const std::string& opcode,
@@ -87,7 +104,7 @@ std::string task_text(uint32_t session_id, uint32_t transac_id, const std::strin
   req["subsys_id"] = subsys;
   req["func"]["name"] = function;
   req["func"]["num_of_args"] = args.size();
-  req["func"]["args"] = args.isNull() ? Json::Value(Json::arrayValue) : args;
+  req["func"]["args"] = args;
   return lumokit::ipc::write_json(req);
 }
 
@@ -97,10 +114,7 @@ void sign_token(const std::string& key_pem, const std::string& opcode, const std
   int rc = run_to_end(bin_path("lumokit-token"),
                       {"sign", "--key", key_pem, "--opcode", opcode, "--api-def", api_def}, &token);
   if (rc != 0) throw std::runtime_error("lumokit-token failed: " + token);
-  FILE* f = fopen(token_path.c_str(), "w");
-  if (f == nullptr) throw std::runtime_error("cannot write " + token_path);
-  fwrite(token.data(), 1, token.size(), f);
-  fclose(f);
+  if (!(std::ofstream(token_path) << token)) throw std::runtime_error("cannot write " + token_path);
 }
 
 Rig::Rig() : runtime_dir_(dir_.path() + "/run") {}
@@ -110,28 +124,31 @@ Rig::~Rig() {
   daemon_.kill_now();
 }
 
-void Rig::pause() { std::this_thread::sleep_for(std::chrono::milliseconds(25)); }
-
-void Rig::start_daemon(const std::vector<std::string>& extra) {
-  std::vector<std::string> args = {"--runtime-dir", runtime_dir_, "--sys-policy",
-                                   source_path("docs/examples/demo-policy.json"),
-                                   "--trust-client-ids"};
-  args.insert(args.end(), extra.begin(), extra.end());
-  daemon_.start(bin_path("lumokitd"), args, dir_.path() + "/daemon.log");
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (std::chrono::steady_clock::now() < deadline) {
+Json::Value await_status(const std::string& path, ChildProcess& daemon) {
+  for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);;) {
     try {
-      JsonClient probe(socket("admin"));
-      return;
+      return JsonClient(path).call(op("status"));
     } catch (const std::exception&) {
-      int status = 0;
-      if (daemon_.wait_exit(std::chrono::milliseconds(0), &status)) {
-        throw std::runtime_error("lumokitd exited at start: " + daemon_log());
+      if (daemon.wait_exit(std::chrono::milliseconds(0)) >= 0) {
+        throw std::runtime_error("lumokitd exited at start");
       }
-      pause();
+      if (std::chrono::steady_clock::now() > deadline) throw;
+      std::this_thread::sleep_for(std::chrono::milliseconds(25));
     }
   }
-  throw std::runtime_error("lumokitd did not come up: " + daemon_log());
+}
+
+void Rig::start_daemon(const std::vector<std::string>& extra, bool trusted) {
+  std::vector<std::string> args = {"--runtime-dir", runtime_dir_, "--sys-policy",
+                                   source_path("docs/examples/demo-policy.json")};
+  if (trusted) args.push_back("--trust-client-ids");
+  args.insert(args.end(), extra.begin(), extra.end());
+  daemon_.start(bin_path("lumokitd"), args, dir_.path() + "/daemon.log");
+  try {
+    await_status(socket("admin"), daemon_);
+  } catch (const std::exception& e) {
+    throw std::runtime_error(e.what() + (": " + daemon_log()));
+  }
 }
 
 void Rig::start_plugin() {
@@ -163,11 +180,7 @@ Json::Value Rig::admin_call(const Json::Value& request) {
   return admin.call(request);
 }
 
-Json::Value Rig::status() {
-  Json::Value req(Json::objectValue);
-  req["op"] = "status";
-  return admin_call(req);
-}
+Json::Value Rig::status() { return admin_call(op("status")); }
 
 uint32_t open_session(JsonClient& client, int32_t pid, uint32_t uid, uint32_t handle) {
   Json::Value req(Json::objectValue);

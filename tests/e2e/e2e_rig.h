@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -48,10 +49,15 @@ class JsonClient {
 
 Json::Value parse(const std::string& text);
 
-// A task request text for the example plugin.
+// {"op": name}, and a perform_task request carrying the task `text`.
+Json::Value op(const char* name);
+Json::Value perform(uint32_t session_id, const std::string& text);
+
+// A task request text for the example plugin, and arguments of type int.
 std::string task_text(uint32_t session_id, uint32_t transac_id, const std::string& opcode,
-                      uint32_t subsys, const std::string& function, const Json::Value& args);
-Json::Value int_arg(int64_t value);
+                      uint32_t subsys, const std::string& function,
+                      const Json::Value& args = Json::Value(Json::arrayValue));
+Json::Value int_args(std::initializer_list<int64_t> values);
 
 // Signs the API definition file `api_def` for `opcode` ("0x1001") with the
 // private key in `key_pem` into `token_path`; throws when lumokit-token fails.
@@ -63,9 +69,9 @@ class Rig {
   Rig();
   ~Rig();
 
-  // Starts lumokitd with the demo policy, --trust-client-ids and `extra`
-  // arguments; waits until the admin socket answers.
-  void start_daemon(const std::vector<std::string>& extra = {});
+  // Starts lumokitd with the demo policy, --trust-client-ids unless
+  // `trusted` is false, and `extra` arguments; waits until it answers.
+  void start_daemon(const std::vector<std::string>& extra = {}, bool trusted = true);
   // Starts the example plugin and waits until both of its opcodes are ready.
   void start_plugin();
   ChildProcess& daemon() { return daemon_; }
@@ -90,12 +96,15 @@ class Rig {
   void keep_dir() { dir_.keep(); }
 
  private:
-  static void pause();
   TempDir dir_;
   std::string runtime_dir_;
   ChildProcess daemon_;
   ChildProcess plugin_;
 };
+
+// The status answer on the admin socket at `path` once `daemon` serves it;
+// throws when the daemon exits or does not answer within 10 s.
+Json::Value await_status(const std::string& path, ChildProcess& daemon);
 
 // Opens a session on `client` (stating pid and uid) and returns its id;
 // throws unless the answer is a successful kind 1 callback.

@@ -12,8 +12,7 @@ set_tests_properties(installed_package PROPERTIES
 
 add_executable(e2e_socket_handover_test socket_handover_test.cc)
 target_compile_options(e2e_socket_handover_test PRIVATE ${LUMOKIT_WARNINGS})
-target_link_libraries(e2e_socket_handover_test PRIVATE lumokit_e2e_support lumokit_plugin
-  GTest::gtest_main)
+target_link_libraries(e2e_socket_handover_test PRIVATE lumokit_e2e_support GTest::gtest_main)
 add_dependencies(e2e_socket_handover_test lumokitd)
 gtest_discover_tests(e2e_socket_handover_test DISCOVERY_TIMEOUT 60)
 list(APPEND e2e_test_lists e2e_socket_handover_test_TESTS)

@@ -75,8 +75,7 @@ class Client {
   }
 
   Json::Value request(const char* op) const {
-    Json::Value msg(Json::objectValue);
-    msg["op"] = op;
+    Json::Value msg = e2e::op(op);
     msg["session_id"] = log_.id;
     return msg;
   }

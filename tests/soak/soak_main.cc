@@ -4,7 +4,6 @@
 // notices, the state left behind, the daemon's threads, descriptors and
 // memory, its stop and the sanitizer logs are checked. One summary line.
 #include <signal.h>
-#include <sys/wait.h>
 
 #include <filesystem>
 #include <fstream>
@@ -104,11 +103,7 @@ class Chaos {
     return ready;
   }
 
-  Json::Value call(const char* op) {
-    Json::Value request(Json::objectValue);
-    request["op"] = op;
-    return admin_->call(request, seconds(10));
-  }
+  Json::Value call(const char* op) { return admin_->call(e2e::op(op), seconds(10)); }
 
   std::vector<Life> lives[kSlots];  // of every slot, in order
   uint64_t kills = 0, sys_restarts = 0;
@@ -314,12 +309,10 @@ int main(int argc, char** argv) {
   }
   soak.stop = true;
   for (std::thread& t : clients) t.join();
-  int status = 0;
   rig.daemon().signal(SIGTERM);
-  if (!rig.daemon().wait_exit(seconds(20), &status)) {
-    soak.fail("daemon alive", "lumokitd did not stop within 20 s of SIGTERM");
-  } else if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    soak.fail("daemon alive", "lumokitd ended with wait status " + std::to_string(status));
+  if (const int code = rig.daemon().wait_exit(seconds(20)); code != 0) {
+    soak.fail("daemon alive", code < 0 ? "lumokitd did not stop within 20 s of SIGTERM"
+                                       : "lumokitd exited with " + std::to_string(code));
   }
 
   const uint64_t required = check_notices(soak, chaos);

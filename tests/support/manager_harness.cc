@@ -55,12 +55,6 @@ bool readable(int fd, Clock::time_point deadline) {
   return left.count() > 0 && poll(&p, 1, static_cast<int>(left.count())) > 0;
 }
 
-std::string compact(const Json::Value& value) {
-  Json::StreamWriterBuilder w;
-  w["indentation"] = "";
-  return Json::writeString(w, value);
-}
-
 // Never destroyed: plugin handler threads may still report while the test
 // process exits.
 std::mutex& cb_mtx = *new std::mutex();
@@ -247,6 +241,16 @@ std::string start_session_answer(const std::string& notice, bool accept) {
   return compact(answer);
 }
 
+std::string exec_answer(uint32_t session_id, uint32_t transac_id) {
+  return "{\"req_type\":\"exec_task\",\"session_id\":" + std::to_string(session_id) +
+         ",\"transac_id\":" + std::to_string(transac_id) + "}";
+}
+
+std::string registration_reply(const char* kind, const std::string& opcode, int result) {
+  return std::string("{\"req_type\": \"") + kind + "\",\"opcode\": \"" + opcode +
+         "\", \"result\": " + std::to_string(result) + "} ";
+}
+
 std::string RawPlugin::answer_start_session(bool accept) {
   std::string notice = recv();
   if (notice.find("\"start_session\"") == std::string::npos) {
@@ -359,6 +363,12 @@ uint32_t cancel_answered(RawPlugin& plugin, uint32_t session_id, uint32_t opcode
   std::future<uint32_t> result = cancel_async(session_id, opcode, subsys);
   plugin.answer_end_session();  // a throw waits for the cancel in the future's destructor
   return result.get();
+}
+
+std::string compact(const Json::Value& value) {
+  Json::StreamWriterBuilder w;
+  w["indentation"] = "";
+  return Json::writeString(w, value);
 }
 
 Json::Value parse_json(const std::string& text) {

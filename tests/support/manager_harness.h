@@ -54,6 +54,7 @@ class LogCapture {
 class RawPlugin {
  public:
   explicit RawPlugin(const std::string& path = start_manager());
+  explicit RawPlugin(int connected_fd) : fd_(connected_fd) {}  // either end of a socket pair
   ~RawPlugin();
   RawPlugin(const RawPlugin&) = delete;
   RawPlugin& operator=(const RawPlugin&) = delete;
@@ -91,6 +92,10 @@ std::string registration_message(const char* kind, int service_id, uint32_t opco
 // The plugin's answer to a start_session notice: accepting echoes every
 // pair of the notice.
 std::string start_session_answer(const std::string& notice, bool accept);
+// A plugin's answer to a task, with nothing but its ids.
+std::string exec_answer(uint32_t session_id, uint32_t transac_id);
+// The manager's direct reply to "AUTH", "REGS" or "REDY".
+std::string registration_reply(const char* kind, const std::string& opcode, int result);
 
 // An "api_def" with one entry for `opcode` ("0x..." text) and the subsystems.
 Json::Value api_def(uint32_t opcode, const std::vector<uint32_t>& subsystems,
@@ -141,6 +146,8 @@ uint32_t cancel_answered(RawPlugin& plugin, uint32_t session_id, uint32_t opcode
                          uint32_t subsys = 0);
 
 Json::Value parse_json(const std::string& text);
+// One line of JSON text, comments kept.
+std::string compact(const Json::Value& value);
 
 // The manager's diagnostic snapshot, parsed.
 Json::Value state_dump();
