@@ -17,16 +17,6 @@
 
 namespace bench {
 
-namespace {
-
-int64_t cpu_of(const std::vector<pid_t>& others) {
-  int64_t total = process_cpu_ns(getpid());
-  for (pid_t p : others) total += process_cpu_ns(p);
-  return total;
-}
-
-}  // namespace
-
 #ifndef LUMOKIT_BENCH_SDBUS
 
 bool sdbus_built(std::string* why) {
@@ -62,6 +52,12 @@ constexpr char kPath[] = "/org/lumokit/Bench";
 constexpr char kInterface[] = "org.lumokit.Bench";
 constexpr char kMember[] = "Echo";
 constexpr uint64_t kReplyTimeoutUs = 5000000;
+
+int64_t cpu_of(const std::vector<pid_t>& others) {
+  int64_t total = process_cpu_ns(getpid());
+  for (pid_t p : others) total += process_cpu_ns(p);
+  return total;
+}
 
 std::string service_name(int index) { return "org.lumokit.Bench.Echo" + std::to_string(index); }
 
