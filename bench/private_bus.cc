@@ -129,6 +129,9 @@ void PrivateBus::stop() {
     kill(pid, SIGKILL);
     for (size_t i = 1; i < tree.size(); ++i) kill(tree[i], SIGKILL);
     kill_child(pid);
+    // The rest were handed to this process (a subreaper): reaped here, their
+    // CPU time counts as the run's, not as other processes'.
+    for (size_t i = 1; i < tree.size(); ++i) wait_child(tree[i], 2000);
     pid = -1;
   }
   if (!dir.empty()) {
