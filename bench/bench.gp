@@ -72,7 +72,7 @@ plot datafile index 3 using 1:2 title 'default' lw 2 pt 7 lc rgb '#ff7f0e', \
 set title 'create\_session p50 per plugin (µs)'
 set xrange [0.7:90]
 set xlabel 'ready plugins'
-set key top left
+set key bottom right
 plot datafile index 4 using 1:2 title 'default' lw 2 pt 7 lc rgb '#ff7f0e', \
      '' index 4 using 1:3 title 'pinned' lw 2 pt 7 lc rgb '#1f77b4'
 
@@ -94,11 +94,11 @@ plot datafile index 6 using 1:2 title 'default' lw 2 pt 7 lc rgb '#ff7f0e', \
 
 # 8: the targets
 unset logscale
-set title 'Targets: value / limit'
+set title 'Targets'
 set xrange [0:1.6]
 set xtics 0.5 font ',9'
 set yrange [-0.7:*] reverse
-set xlabel 'up to 1 is met'
+set xlabel 'value / limit'
 set ytics font ',8' noenhanced
 unset key
 set grid xtics ytics
