@@ -1,5 +1,6 @@
 #include "bench_util.h"
 
+#include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <utility>
 
 namespace bench {
 
@@ -61,7 +63,7 @@ std::string opcode_hex(uint32_t opcode) {
   return buf;
 }
 
-std::string task_text(uint32_t session_id, uint32_t transac_id, uint32_t opcode) {
+std::string task_text(uint32_t session_id, uint32_t transac_id, uint32_t opcode, size_t size) {
   char head[256];
   const int n = snprintf(head, sizeof(head),
                          "{\"session_id\":%u,\"transac_id\":%u,\"opcode\":\"0x%X\",\"subsys_id\":1,"
@@ -71,7 +73,7 @@ std::string task_text(uint32_t session_id, uint32_t transac_id, uint32_t opcode)
   static const char kTail[] = "\"}]}}";
   std::string text(head, static_cast<size_t>(n));
   const size_t fixed = text.size() + sizeof(kTail) - 1;
-  if (fixed < kTaskTextSize) text.append(kTaskTextSize - fixed, 'x');
+  if (fixed < size) text.append(size - fixed, 'x');
   text += kTail;
   return text;
 }
@@ -88,6 +90,16 @@ bool find_uint(const char* text, size_t len, const char* key, uint32_t* out) {
   while (p < end && *p >= '0' && *p <= '9') v = v * 10 + static_cast<uint64_t>(*p++ - '0');
   *out = static_cast<uint32_t>(v);
   return true;
+}
+
+void allow_large_messages(int fd) {
+  const int size = 1 << 21;
+  for (const auto& option : {std::make_pair(SO_SNDBUFFORCE, SO_SNDBUF),
+                             std::make_pair(SO_RCVBUFFORCE, SO_RCVBUF)}) {
+    if (setsockopt(fd, SOL_SOCKET, option.first, &size, sizeof(size)) != 0) {
+      setsockopt(fd, SOL_SOCKET, option.second, &size, sizeof(size));
+    }
+  }
 }
 
 bool write_all(int fd, const void* data, size_t len) {

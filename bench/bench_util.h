@@ -29,14 +29,19 @@ double median(std::vector<double> values);
 // of the same size, so that every path moves the same bytes.
 inline constexpr size_t kTaskTextSize = 200;
 
-// A valid task request for (opcode, subsystem 1), padded to kTaskTextSize.
-std::string task_text(uint32_t session_id, uint32_t transac_id, uint32_t opcode);
+// A valid task request for (opcode, subsystem 1), padded to `size` bytes.
+std::string task_text(uint32_t session_id, uint32_t transac_id, uint32_t opcode,
+                      size_t size = kTaskTextSize);
 // "0x" and upper-case hex, as clients write opcodes.
 std::string opcode_hex(uint32_t opcode);
 
 // Reads an unsigned decimal number that follows `key` in `text` (a plain
 // substring search, enough for texts whose layout we know); false if absent.
 bool find_uint(const char* text, size_t len, const char* key, uint32_t* out);
+
+// Socket buffers that take the largest message of the size curves in one
+// send (the forced variant where this process may use it).
+void allow_large_messages(int fd);
 
 // Writes all bytes, retrying on EINTR; false on failure.
 bool write_all(int fd, const void* data, size_t len);

@@ -41,7 +41,7 @@ Phase run_phase(const Load& load, const Issue& issue, uint32_t per_session) {
       const uint32_t opcode = load.opcodes[i];
       for (uint32_t seq = 0; seq < per_session; ++seq) {
         t.acquire();
-        const std::string text = task_text(sid, seq, opcode);
+        const std::string text = task_text(sid, seq, opcode, load.text_size);
         t.stamp(seq);
         issue(i, sid, text);
       }
@@ -65,7 +65,7 @@ Phase run_phase(const Load& load, const Issue& issue, uint32_t per_session) {
 
 Result drive(const Load& load, const Issue& issue) {
   Result r;
-  Phase warm = run_phase(load, issue, kWarmupTasks);
+  Phase warm = run_phase(load, issue, load.warmup);
   if (!warm.error.empty()) {
     r.error = "warm-up: " + warm.error;
     return r;

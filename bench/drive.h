@@ -20,6 +20,8 @@ struct Load {
   std::vector<uint32_t> session_ids;  // one issuing thread each
   std::vector<uint32_t> opcodes;      // the opcode each session's tasks name
   uint32_t per_session = 0;
+  uint32_t warmup = kWarmupTasks;    // untimed tasks per session first
+  size_t text_size = 200;            // bytes of each task text
   uint32_t window = 1;
   const char* marker = "";            // text a good answer contains
   std::vector<pid_t> peers;           // processes whose CPU time counts too

@@ -15,18 +15,19 @@
 #include <sstream>
 
 #include "bench_util.h"
+#include "plot_data.h"
 #include "scenarios.h"
 #include "spawn.h"
+#include "targets.h"
 
 namespace bench {
 namespace {
-
-const char* const kModes[] = {"default", "pinned"};
 
 struct Options {
   int reps = 5;
   int cpu_latency_us = -1;  // a CPU latency request held for the run; -1: none
   std::string json_path;
+  std::string plot_data_path;
   std::vector<std::string> only;
 };
 
@@ -45,6 +46,8 @@ bool parse(int argc, char** argv, Options* o) {
       o->cpu_latency_us = static_cast<int>(v);
     } else if (a == "--json" && i + 1 < argc) {
       o->json_path = argv[++i];
+    } else if (a == "--plot-data" && i + 1 < argc) {
+      o->plot_data_path = argv[++i];
     } else if (a == "--only" && i + 1 < argc) {
       std::stringstream list(argv[++i]);
       std::string name;
@@ -57,7 +60,8 @@ bool parse(int argc, char** argv, Options* o) {
       }
     } else {
       fprintf(stderr,
-              "usage: lumokit_bench [--reps N] [--json PATH] [--only NAME,...] [--cpu-latency-us N]\n"
+              "usage: lumokit_bench [--reps N] [--json PATH] [--plot-data PATH] [--only NAME,...]\n"
+              "                     [--cpu-latency-us N]\n"
               "       (internal: --scenario NAME, --role ROLE ...)\n");
       return false;
     }
@@ -178,14 +182,24 @@ Result run_process(const std::string& name, bool pinned) {
   return result_from_json(v);
 }
 
-// Medians over the repetitions; a figure with a failed run keeps the error.
+// Medians over the repetitions, point by point for a curve; a figure with a
+// failed run keeps the error, one that could not be measured says why.
 Result aggregate(const std::vector<Result>& runs) {
   Result m;
   std::vector<double> p50, p99, ops, cpu, kib, other;
+  std::vector<std::vector<double>> series;
   for (const Result& r : runs) {
+    if (!r.not_measured.empty()) {
+      m.not_measured = r.not_measured;
+      continue;
+    }
     if (!r.error.empty()) {
       m.error = r.error;
       continue;
+    }
+    if (series.size() < r.series.size()) series.resize(r.series.size());
+    for (size_t i = 0; i < r.series.size(); ++i) {
+      if (r.series[i] >= 0) series[i].push_back(r.series[i]);
     }
     if (r.p50_us >= 0) p50.push_back(r.p50_us);
     if (r.p99_us >= 0) p99.push_back(r.p99_us);
@@ -201,6 +215,7 @@ Result aggregate(const std::vector<Result>& runs) {
   m.cpu_us_per_op = median(cpu);
   m.kib_per_item = median(kib);
   m.other_cpus = median(other);
+  for (auto& values : series) m.series.push_back(median(values));
   return m;
 }
 
@@ -214,61 +229,15 @@ std::string cell(double v, int width, int decimals) {
   return buf;
 }
 
-struct Target {
-  std::string what;
-  std::string mode;
-  double value = -1;
-  double limit = -1;
-  bool at_least = false;  // value must reach the limit instead of staying under it
-  std::string unit;
-  bool known() const { return value >= 0 && limit >= 0; }
-  bool met() const { return known() && (at_least ? value >= limit : value <= limit); }
-};
-
-using Table = std::map<std::string, std::map<std::string, Result>>;  // scenario -> mode -> median
-
-double fig(const Table& t, const std::string& scenario, const std::string& mode,
-           double Result::*field) {
-  auto s = t.find(scenario);
-  if (s == t.end()) return -1;
-  auto m = s->second.find(mode);
-  if (m == s->second.end() || !m->second.error.empty()) return -1;
-  return m->second.*field;
-}
-
-double scaled(double v, double k) { return v < 0 ? -1 : v * k; }
-
-std::vector<Target> targets(const Table& t) {
-  std::vector<Target> out;
-  auto add = [&](std::string what, std::string mode, double value, double limit, bool at_least,
-                 std::string unit) {
-    out.push_back(Target{std::move(what), std::move(mode), value, limit, at_least, std::move(unit)});
-  };
-  add("task round trip p50 <= 1.2 x SHAPE p50", "pinned", fig(t, "task_1x1", "pinned", &Result::p50_us),
-      scaled(fig(t, "shape_1", "pinned", &Result::p50_us), 1.2), false, "us");
-  add("tasks 4 sessions/4 plugins >= 0.85 x SHAPE 4x4 throughput", "pinned",
-      fig(t, "task_4x4", "pinned", &Result::ops_per_s),
-      scaled(fig(t, "shape_4x4", "pinned", &Result::ops_per_s), 0.85), true, "/s");
-  add("end to end via lumokitd p50 <= 3.9 x RAW p50", "default", fig(t, "e2e", "default", &Result::p50_us),
-      scaled(fig(t, "raw", "default", &Result::p50_us), 3.9), false, "us");
-  add("end to end via lumokitd p50 <= 6.0 x RAW p50", "pinned", fig(t, "e2e", "pinned", &Result::p50_us),
-      scaled(fig(t, "raw", "pinned", &Result::p50_us), 6.0), false, "us");
-  add("create_session, 8 plugins, p50 <= 1.5 x 8 x SHAPE p50", "pinned",
-      fig(t, "create_8", "pinned", &Result::p50_us),
-      scaled(fig(t, "shape_1", "pinned", &Result::p50_us), 12.0), false, "us");
-  for (const char* mode : kModes) {
-    add(">= 5,000 registrations per second", mode, fig(t, "regs", mode, &Result::ops_per_s), 5000, true,
-        "/s");
+// A curve's points under its figure's row.
+std::string series_line(const Scenario& s, const Result& m) {
+  std::string line = "    " + std::string(s.series_y) + ":";
+  for (size_t i = 0; i < m.series.size() && i < s.series_x.size(); ++i) {
+    char buf[64];
+    snprintf(buf, sizeof(buf), " %s%.0f: %.1f", i == 0 ? "" : "| ", s.series_x[i], m.series[i]);
+    line += buf;
   }
-  for (const char* mode : kModes) {
-    add("<= 192 KiB resident per connected ready plugin", mode,
-        fig(t, "mem_plugin", mode, &Result::kib_per_item), 192, false, "KiB");
-  }
-  for (const char* mode : kModes) {
-    add("<= 2 KiB resident per open session", mode, fig(t, "mem_session", mode, &Result::kib_per_item), 2,
-        false, "KiB");
-  }
-  return out;
+  return line + "\n";
 }
 
 }  // namespace
@@ -332,12 +301,15 @@ int run_driver(int argc, char** argv) {
       if (s->default_only && std::strcmp(mode, "pinned") == 0) continue;
       const Result& m = table[s->name][mode];
       printf("%-50s %-7s", s->label, mode);
-      if (!m.error.empty()) {
+      if (!m.not_measured.empty()) {
+        printf(" not measured: %s\n", m.not_measured.c_str());
+      } else if (!m.error.empty()) {
         printf(" FAILED: %s\n", m.error.c_str());
       } else {
         printf(" %s %s %s %s %s %s\n", cell(m.p50_us, 9, 1).c_str(), cell(m.p99_us, 9, 1).c_str(),
                cell(m.ops_per_s, 10, 0).c_str(), cell(m.cpu_us_per_op, 9, 1).c_str(),
                cell(m.kib_per_item, 9, 2).c_str(), cell(m.other_cpus, 6, 2).c_str());
+        if (!m.series.empty()) printf("%s", series_line(*s, m).c_str());
       }
       Json::Value f(Json::objectValue);
       f["scenario"] = s->name;
@@ -373,16 +345,21 @@ int run_driver(int argc, char** argv) {
     report["targets"].append(j);
   }
 
-  // Where the scheduler keeps RAW's two processes on one CPU, the unpinned
-  // RAW equals the pinned one while every path with more threads pays for
-  // waking the other CPU; this ratio is the fair one there.
-  const double e2e_default = fig(table, "e2e", "default", &Result::p50_us);
-  const double raw_xcpu = fig(table, "raw_xcpu", "default", &Result::p50_us);
-  if (e2e_default >= 0 && raw_xcpu > 0) {
-    printf("  (not a target) end to end via lumokitd p50 / RAW across CPUs p50, default: %.1f / %.1f = %.2f\n",
-           e2e_default, raw_xcpu, e2e_default / raw_xcpu);
-    report["e2e_over_raw_across_cpus"] = e2e_default / raw_xcpu;
+  report["peers"] = peers(table);
+  printf("\nPeers, same run (p50 us of one call; CPU us per call with 4 callers on 4 services):\n");
+  for (const char* mode : kModes) {
+    const Json::Value& m = report["peers"][mode];
+    auto v = [&](const char* key) { return m[key].isNull() ? -1.0 : m[key].asDouble(); };
+    printf("  %-7s RAW %s | lumokitd %s | dbus-broker %s | dbus-daemon %s | lumokitd/dbus-broker %s"
+           " | CPU/call %s vs %s vs %s\n",
+           mode, cell(v("raw_p50_us"), 0, 1).c_str(), cell(v("lumokitd_p50_us"), 0, 1).c_str(),
+           cell(v("dbus_broker_p50_us"), 0, 1).c_str(), cell(v("dbus_daemon_p50_us"), 0, 1).c_str(),
+           cell(v("lumokitd_over_dbus_broker"), 0, 2).c_str(),
+           cell(v("lumokitd_4x4_cpu_us_per_call"), 0, 1).c_str(),
+           cell(v("dbus_broker_4x4_cpu_us_per_call"), 0, 1).c_str(),
+           cell(v("dbus_daemon_4x4_cpu_us_per_call"), 0, 1).c_str());
   }
+  report["curves"] = curves(table);
 
   printf("\nManager log cost (log on at info level to /dev/null vs silent), task round trip p50:\n");
   report["log_cost_us"] = Json::Value(Json::objectValue);
@@ -453,6 +430,10 @@ int run_driver(int argc, char** argv) {
   report["targets_without_data"] = unknown;
   if (latency_fd >= 0) close(latency_fd);
 
+  if (!opt.plot_data_path.empty() && !write_plot_data(table, opt.plot_data_path)) {
+    fprintf(stderr, "lumokit_bench: cannot write %s\n", opt.plot_data_path.c_str());
+    return 1;
+  }
   if (!opt.json_path.empty()) {
     std::ofstream out(opt.json_path);
     Json::StreamWriterBuilder w;

@@ -12,8 +12,10 @@
 #include <map>
 
 #include "bench_util.h"
+#include "dbus_peer.h"
 #include "minimal_host.h"
 #include "plugin_wire.h"
+#include "private_bus.h"
 #include "spawn.h"
 
 namespace bench {
@@ -114,6 +116,16 @@ int run_role(int argc, char** argv) {
     return role_plugin(socket, static_cast<uint32_t>(flag_num(f, "opcode")),
                        static_cast<int>(flag_num(f, "conns")), static_cast<int>(flag_num(f, "ready-fd")),
                        flag_num(f, "serve") != 0);
+  }
+  if (role == "dbus-echo") {
+    return run_echo_service(f.count("address") ? f.at("address") : "",
+                            static_cast<int>(flag_num(f, "index")),
+                            static_cast<int>(flag_num(f, "ready-fd")));
+  }
+  if (role == "broker-launcher") {
+    return run_broker_launcher(f.count("dir") ? f.at("dir") : "",
+                               static_cast<int>(flag_num(f, "listen-fd")),
+                               static_cast<int>(flag_num(f, "ready-fd")));
   }
   if (role == "regs") {
     return role_regs(socket, static_cast<uint32_t>(flag_num(f, "opcode")),

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -144,27 +145,31 @@ bool answer_start_session(int fd, const char* buf, size_t n, std::string& out) {
   return send_text(fd, out.data(), out.size());
 }
 
-bool answer_task(int fd, const char* buf, size_t n) {
+// The answer is as long as the task (at least the task text's usual size),
+// so that a round trip moves the same bytes both ways at every size.
+bool answer_task(int fd, const char* buf, size_t n, std::string& out) {
   uint32_t session_id = 0;
   uint32_t transac_id = 0;
   find_uint(buf, n, "\"session_id\"", &session_id);
   find_uint(buf, n, "\"transac_id\"", &transac_id);
-  char answer[kTaskTextSize + 64];
-  int len = snprintf(answer, sizeof(answer),
-                     "{\"req_type\":\"exec_task\",\"session_id\":%u,\"transac_id\":%u,\"status\":0,"
-                     "\"return\":\"",
-                     session_id, transac_id);
-  size_t used = static_cast<size_t>(len);
+  char head[128];
+  const int len = snprintf(head, sizeof(head),
+                           "{\"req_type\":\"exec_task\",\"session_id\":%u,\"transac_id\":%u,"
+                           "\"status\":0,\"return\":\"",
+                           session_id, transac_id);
+  const size_t size = std::max(n, kTaskTextSize);
+  out.assign(head, static_cast<size_t>(len));
   const size_t tail = 2;  // closing quote and brace
-  while (used + tail < kTaskTextSize) answer[used++] = 'y';
-  answer[used++] = '"';
-  answer[used++] = '}';
-  return send_text(fd, answer, used);
+  if (out.size() + tail < size) out.append(size - tail - out.size(), 'y');
+  out += "\"}";
+  return send_text(fd, out.data(), out.size());
 }
 
 }  // namespace
 
 void serve(int fd) {
+  // Answers as large as the largest task must fit the socket in one send.
+  allow_large_messages(fd);
   std::vector<char> storage(1 << 20);
   char* buf = storage.data();
   std::string out;
@@ -187,7 +192,7 @@ void serve(int fd) {
     } else if (starts_with(buf, n, "{\"req_type\"")) {
       continue;  // notices that need no answer
     } else {
-      ok = answer_task(fd, buf, n);
+      ok = answer_task(fd, buf, n, out);
     }
     if (!ok) return;
   }

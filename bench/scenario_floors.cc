@@ -38,14 +38,43 @@ bool set_cpu(pid_t pid, int cpu) {
   return sched_setaffinity(pid, sizeof(set), &set) == 0;
 }
 
-// caller_cpu < 0: wherever the scheduler puts the two processes.
-Result raw_round_trips(int caller_cpu, int peer_cpu) {
+// `count` timed round trips of `size` bytes after `warmup` untimed ones.
+Result raw_timed(int fd, pid_t peer, size_t size, uint32_t count, uint32_t warmup,
+                 std::vector<char>& buf) {
+  Result r;
+  std::vector<int64_t> lat;
+  lat.reserve(count);
+  int64_t cpu0 = 0, t_start = 0;
+  for (uint32_t i = 0; i < warmup + count; ++i) {
+    if (i == warmup) {
+      cpu0 = process_cpu_ns(getpid()) + process_cpu_ns(peer);
+      t_start = now_ns();
+    }
+    const std::string text = task_text(1, i, kBaseOpcode, size);
+    const int64_t t0 = now_ns();
+    if (send(fd, text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size()) ||
+        recv(fd, buf.data(), buf.size(), 0) != static_cast<ssize_t>(text.size())) {
+      r.error = "echo peer failed at " + std::to_string(size) + " bytes";
+      return r;
+    }
+    if (i >= warmup) lat.push_back(now_ns() - t0);
+  }
+  const int64_t wall = now_ns() - t_start;
+  const int64_t cpu = process_cpu_ns(getpid()) + process_cpu_ns(peer) - cpu0;
+  return timed_result(std::move(lat), wall, cpu);
+}
+
+// caller_cpu < 0: wherever the scheduler puts the two processes. With
+// `with_sizes`, the size curve follows; its first point is the figure.
+Result raw_round_trips(int caller_cpu, int peer_cpu, bool with_sizes) {
   Result r;
   int sv[2];
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) != 0) {
     r.error = "socketpair failed";
     return r;
   }
+  allow_large_messages(sv[0]);
+  allow_large_messages(sv[1]);
   pid_t peer = start_echo_peer(sv[1]);
   close(sv[1]);
   const int fd = sv[0];
@@ -53,36 +82,25 @@ Result raw_round_trips(int caller_cpu, int peer_cpu) {
     r.error = "cannot place the two processes on CPUs " + std::to_string(caller_cpu) + " and " +
               std::to_string(peer_cpu);
   }
-  const uint32_t n = kLatencyTasks * 2;
-  std::vector<int64_t> lat;
-  lat.reserve(n);
-  char buf[4096];
-  int64_t cpu0 = 0, t_start = 0;
-  for (uint32_t i = 0; r.error.empty() && i < kWarmupTasks + n; ++i) {
-    if (i == kWarmupTasks) {
-      cpu0 = process_cpu_ns(getpid()) + process_cpu_ns(peer);
-      t_start = now_ns();
+  std::vector<char> buf(1 << 20);
+  if (r.error.empty()) r = raw_timed(fd, peer, kMessageSizes[0], kLatencyTasks * 2, kWarmupTasks, buf);
+  if (r.error.empty() && with_sizes) {
+    r.series.push_back(r.p50_us);
+    for (size_t i = 1; i < kMessageSizes.size() && r.error.empty(); ++i) {
+      const Result point = raw_timed(fd, peer, kMessageSizes[i], kSizeRoundTrips[i],
+                                     size_warmup(kSizeRoundTrips[i]), buf);
+      r.error = point.error;
+      r.series.push_back(point.p50_us);
     }
-    const std::string text = task_text(1, i, kBaseOpcode);
-    const int64_t t0 = now_ns();
-    if (send(fd, text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size()) ||
-        recv(fd, buf, sizeof(buf), 0) != static_cast<ssize_t>(text.size())) {
-      r.error = "echo peer failed";
-      break;
-    }
-    if (i >= kWarmupTasks) lat.push_back(now_ns() - t0);
   }
-  const int64_t wall = now_ns() - t_start;
-  const int64_t cpu = process_cpu_ns(getpid()) + process_cpu_ns(peer) - cpu0;
   close(fd);
   wait_child(peer, 2000);
-  if (!r.error.empty()) return r;
-  return timed_result(std::move(lat), wall, cpu);
+  return r;
 }
 
 }  // namespace
 
-Result run_raw() { return raw_round_trips(-1, -1); }
+Result run_raw() { return raw_round_trips(-1, -1, true); }
 
 // The same round trip with the two processes held on different CPUs: every
 // message then wakes the other CPU, which is what a default-scheduled RAW
@@ -93,7 +111,7 @@ Result run_raw_xcpu() {
     r.error = "needs two CPUs";
     return r;
   }
-  return raw_round_trips(0, 1);
+  return raw_round_trips(0, 1, false);
 }
 
 namespace {

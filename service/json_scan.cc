@@ -1,5 +1,7 @@
 #include "json_scan.h"
 
+#include <cstring>
+
 namespace {
 
 // Powers of ten between which a double converts without overflow or
@@ -21,28 +23,74 @@ int hex_digit(char c) {
   return -1;
 }
 
+// Bytes from p to end, counted without a signed subtraction: the library
+// traps signed overflow, which makes every signed subtraction a call.
+size_t bytes_between(const char* p, const char* end) {
+  return static_cast<size_t>(reinterpret_cast<uintptr_t>(end) - reinterpret_cast<uintptr_t>(p));
+}
+
+// A high bit set in each byte of `w` that is a quote, a backslash or below
+// 0x20; exact up to the first such byte (bits above it may be spurious).
+uint64_t special_bytes(uint64_t w) {
+  constexpr uint64_t kOnes = 0x0101010101010101ull;
+  constexpr uint64_t kHighs = 0x8080808080808080ull;
+  const uint64_t quote = w ^ (kOnes * '"');
+  const uint64_t slash = w ^ (kOnes * '\\');
+  return (((quote - kOnes) & ~quote) | ((slash - kOnes) & ~slash) | ((w - kOnes * 0x20) & ~w)) &
+         kHighs;
+}
+
+// The first byte in [p, end) that a string cannot hold as it is: a quote, a
+// backslash or a control character. Eight bytes a step.
+const char* plain_run_end(const char* p, const char* end) {
+  size_t left = bytes_between(p, end);
+  while (left > 0) {
+    uint64_t w = 0x4141414141414141ull;  // plain filler past the end
+    const size_t take = left < 8 ? left : 8;
+    if (take == 8) {
+      memcpy(&w, p, 8);  // one load
+    } else {
+      memcpy(&w, p, take);
+    }
+    const uint64_t hits = special_bytes(w);
+    if (hits != 0) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+      return p + (static_cast<unsigned>(__builtin_ctzll(hits)) >> 3);
+#else
+      while (*p != '"' && *p != '\\' && static_cast<unsigned char>(*p) >= 0x20) ++p;
+      return p;
+#endif
+    }
+    p += take;
+    left -= take;
+  }
+  return p;
+}
+
 unsigned int hex4_value(const char* p) {
   unsigned int v = 0;
   for (int i = 0; i < 4; ++i) v = v * 16 + static_cast<unsigned int>(hex_digit(p[i]));
   return v;
 }
 
-void append_utf8(unsigned int cp, std::string* out) {
+// Writes `cp` as UTF-8 at `w`; returns the end.
+char* put_utf8(unsigned int cp, char* w) {
   if (cp < 0x80) {
-    out->push_back(static_cast<char>(cp));
+    *w++ = static_cast<char>(cp);
   } else if (cp < 0x800) {
-    out->push_back(static_cast<char>(0xC0 | (cp >> 6)));
-    out->push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+    *w++ = static_cast<char>(0xC0 | (cp >> 6));
+    *w++ = static_cast<char>(0x80 | (cp & 0x3F));
   } else if (cp < 0x10000) {
-    out->push_back(static_cast<char>(0xE0 | (cp >> 12)));
-    out->push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-    out->push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+    *w++ = static_cast<char>(0xE0 | (cp >> 12));
+    *w++ = static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    *w++ = static_cast<char>(0x80 | (cp & 0x3F));
   } else {
-    out->push_back(static_cast<char>(0xF0 | (cp >> 18)));
-    out->push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
-    out->push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-    out->push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+    *w++ = static_cast<char>(0xF0 | (cp >> 18));
+    *w++ = static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+    *w++ = static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    *w++ = static_cast<char>(0x80 | (cp & 0x3F));
   }
+  return w;
 }
 
 // A member name at a level whose names are compared: escaped names could
@@ -141,11 +189,7 @@ bool JsonScanner::string(std::string_view* raw, bool* escaped) {
   const char* start = p_;
   bool any_escape = false;
   for (;;) {
-    while (p_ != end_) {
-      const unsigned char c = static_cast<unsigned char>(*p_);
-      if (c == '"' || c == '\\' || c < 0x20) break;
-      ++p_;
-    }
+    p_ = plain_run_end(p_, end_);
     if (p_ == end_) return false;
     const char c = *p_;
     if (c == '"') break;
@@ -171,7 +215,7 @@ bool JsonScanner::string(std::string_view* raw, bool* escaped) {
         return false;
     }
   }
-  *raw = std::string_view(start, static_cast<size_t>(p_ - start));
+  *raw = std::string_view(start, bytes_between(start, p_));
   *escaped = any_escape;
   ++p_;
   return true;
@@ -216,7 +260,7 @@ bool JsonScanner::number(std::string_view* token) {
   }
   // Zero converts exactly, whatever its exponent.
   if (!zero && (lead + exponent > kMaxPowerOfTen || lead + exponent < kMinPowerOfTen)) return false;
-  *token = std::string_view(start, static_cast<size_t>(p_ - start));
+  *token = std::string_view(start, bytes_between(start, p_));
   return true;
 }
 
@@ -277,7 +321,7 @@ bool json_plain_uint32(std::string_view token, uint32_t* out) {
   uint64_t value = 0;
   for (char c : token) {
     if (!is_digit(c)) return false;
-    value = value * 10 + static_cast<uint64_t>(c - '0');
+    value = value * 10 + (static_cast<uint64_t>(static_cast<unsigned char>(c)) - uint64_t{'0'});
   }
   if (value > UINT32_MAX) return false;
   *out = static_cast<uint32_t>(value);
@@ -285,38 +329,44 @@ bool json_plain_uint32(std::string_view token, uint32_t* out) {
 }
 
 void json_decode_string(std::string_view raw, std::string* out) {
-  out->reserve(out->size() + raw.size());
-  size_t i = 0;
-  while (i < raw.size()) {
-    const size_t slash = raw.find('\\', i);
-    if (slash == std::string_view::npos) {
-      out->append(raw.data() + i, raw.size() - i);
-      return;
-    }
-    out->append(raw.data() + i, slash - i);
-    const char kind = raw[slash + 1];
-    i = slash + 2;
+  // Decoding never lengthens the text: write in place, then trim.
+  const size_t old_size = out->size();
+  out->resize(old_size + raw.size());
+  char* const base = &(*out)[0];
+  char* w = base + old_size;
+  const char* p = raw.data();
+  const char* const end = p + raw.size();
+  while (p != end) {
+    const char* slash = static_cast<const char*>(memchr(p, '\\', bytes_between(p, end)));
+    const char* run_end = slash != nullptr ? slash : end;
+    const size_t run = bytes_between(p, run_end);
+    memcpy(w, p, run);
+    w += run;
+    if (slash == nullptr) break;
+    const char kind = slash[1];
+    p = slash + 2;
     switch (kind) {
-      case 'b': out->push_back('\b'); break;
-      case 'f': out->push_back('\f'); break;
-      case 'n': out->push_back('\n'); break;
-      case 'r': out->push_back('\r'); break;
-      case 't': out->push_back('\t'); break;
+      case 'b': *w++ = '\b'; break;
+      case 'f': *w++ = '\f'; break;
+      case 'n': *w++ = '\n'; break;
+      case 'r': *w++ = '\r'; break;
+      case 't': *w++ = '\t'; break;
       case 'u': {
-        unsigned int cp = hex4_value(raw.data() + i);
-        i += 4;
+        unsigned int cp = hex4_value(p);
+        p += 4;
         if (cp >= 0xD800 && cp <= 0xDBFF) {
-          const unsigned int low = hex4_value(raw.data() + i + 2);
-          i += 6;
+          const unsigned int low = hex4_value(p + 2);
+          p += 6;
           cp = 0x10000 + ((cp & 0x3FF) << 10) + (low & 0x3FF);
         }
-        append_utf8(cp, out);
+        w = put_utf8(cp, w);
         break;
       }
       default:  // '"', '\\' and '/' stand for themselves
-        out->push_back(kind);
+        *w++ = kind;
     }
   }
+  out->resize(bytes_between(base, w));
 }
 
 bool scan_plugin_message(const char* text, size_t size, PluginMessageScan* out) {
